@@ -1,0 +1,39 @@
+# The two set-up commands: `make run` and `make test`. Both install what is missing first.
+JOBS ?= $(shell nproc 2>/dev/null || sysctl -n hw.ncpu 2>/dev/null || echo 2)
+
+.PHONY: deps run test test-asan bench app format clean
+
+deps:
+	@scripts/install-deps
+
+build/release/CMakeCache.txt: | deps
+	@cmake --preset release >/dev/null
+
+build/debug/CMakeCache.txt: | deps
+	@cmake --preset debug >/dev/null
+
+build/asan/CMakeCache.txt: | deps
+	@cmake --preset asan >/dev/null
+
+# Measures your home folder; reads only, changes nothing.
+run: deps build/release/CMakeCache.txt
+	@cmake --build --preset release -j $(JOBS) --target sparrowdeck
+	@build/release/src/sparrowdeck measure "$$HOME"
+
+test: deps build/debug/CMakeCache.txt
+	@cmake --build --preset debug -j $(JOBS)
+	@ctest --preset debug -j $(JOBS)
+
+test-asan: deps build/asan/CMakeCache.txt
+	@cmake --build --preset asan -j $(JOBS)
+	@ctest --preset asan -j $(JOBS)
+
+bench: deps build/release/CMakeCache.txt
+	@cmake --build --preset release -j $(JOBS)
+	@bench/run-all
+
+format:
+	@git ls-files '*.cpp' '*.h' | xargs clang-format -i
+
+clean:
+	@rm -rf build

@@ -1,0 +1,21 @@
+#pragma once
+
+#include "core/Cancellation.h"
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <string>
+#include <thread>
+
+namespace sd::cli {
+
+// True when standard error is a terminal, so live progress may be drawn there.
+bool progressVisible();
+
+// Runs `work` on a worker thread while the calling thread redraws one status line a few times a
+// second from `status` (only on a terminal) and turns Ctrl-C into a Stop.
+void runWithProgress(const std::function<void()>& work, const std::function<std::string()>& status,
+                     CoreCancellationState& cancellation);
+
+} // namespace sd::cli

@@ -1,0 +1,29 @@
+#include "cli/MeasureCommand.h"
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+
+#ifndef SPARROWDECK_VERSION
+#define SPARROWDECK_VERSION "0.0.0"
+#endif
+
+int main(int argc, char** argv) {
+    CLI::App app{"Sparrowdeck shows what fills your disk and gives space back safely: it moves "
+                 "to the Trash, never deletes, and can put everything back."};
+    app.set_version_flag("--version", "sparrowdeck " SPARROWDECK_VERSION);
+    app.require_subcommand(1);
+    int exitStatus = 0;
+    sd::cli::addMeasureCommand(app, exitStatus);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp& e) {
+        return app.exit(e);
+    } catch (const CLI::CallForVersion& e) {
+        return app.exit(e);
+    } catch (const CLI::ParseError& e) {
+        app.exit(e);
+        return 2;
+    }
+    std::fflush(stdout);
+    return exitStatus;
+}

@@ -1,0 +1,13 @@
+#include "core/Cancellation.h"
+
+#include "core/CleanerError.h"
+
+namespace sd {
+
+void Cancellation::check() const {
+    if (requested()) {
+        throw CleanerError::cancelled();
+    }
+}
+
+} // namespace sd

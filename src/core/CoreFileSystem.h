@@ -1,0 +1,149 @@
+#pragma once
+
+#include "core/Cancellation.h"
+#include "core/Ledgers.h"
+#include "core/UniqueFd.h"
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <sys/stat.h>
+#include <vector>
+
+// The one place that touches the file tree for measuring, listing and removing. Every walk goes
+// through open directory descriptors with no-follow opens; a path string is never resolved again
+// once its parent is open, and every descriptor's device and inode are checked against what the
+// listing said before it is trusted.
+namespace sd {
+
+inline constexpr int maxWalkDepth = 256;
+inline constexpr size_t maxRootComponents = 256;
+
+// Opens a directory to descend through it. Returns an invalid descriptor with errno set on
+// failure; a symbolic link in the last component fails with ELOOP.
+UniqueFd openSearch(int parentFd, const char* name);
+// Opens a directory to read its entries, with the same refusal of links.
+UniqueFd openListing(int parentFd, const char* name);
+
+// No-follow stat of one entry. Empty when the entry is gone; other failures throw "Reading
+// metadata for".
+std::optional<struct stat> statEntry(int parentFd, const char* name, std::string_view path);
+
+// The names in an open directory, "." and ".." left out, sorted ascending. The caller's
+// descriptor stays open. Throws SafetyViolation for a name that is not valid UTF-8.
+std::vector<std::string> listDirectory(int fd, std::string_view path,
+                                       const Cancellation& cancel = {});
+
+struct ParentHandle {
+    UniqueFd fd;
+    std::string name;
+};
+// Opens the parent of a normalized absolute path from "/" one component at a time without
+// following links. Empty when an ancestor is gone. Throws for "/" itself.
+std::optional<ParentHandle> openParent(std::string_view path);
+
+// Throws SafetyViolation when any component of the path is a symbolic link.
+void refuseSymlink(std::string_view path);
+
+// The clone accounting of one regular file, with its identity checked against the listing.
+// Empty when the file vanished. Throws "Entry changed during measurement: <path>".
+std::optional<FileSample> readCloneAttributes(int parentFd, const char* name, std::string_view path,
+                                              const EntryIdentity& expected, const struct stat& st);
+
+struct ResolvedRoot {
+    std::string path;
+    EntryIdentity identity;
+    mode_t type = 0; // the S_IFMT bits
+};
+
+// Expands "~", appends an optional relative glob and walks the result from "/", matching glob
+// components against sorted listings. Problems that only drop the root land in `warnings`.
+std::vector<ResolvedRoot> resolveRoots(std::string_view pathTemplate,
+                                       std::optional<std::string_view> relativeGlob,
+                                       std::vector<std::string>& warnings,
+                                       const Cancellation& cancel = {});
+
+// One level of an explicit traversal stack; walks are iterative and never recurse.
+struct FootprintFrame {
+    UniqueFd fd;
+    std::string path;
+    std::vector<std::string> names;
+    int depth = 0;
+    size_t next = 0;
+};
+
+// Counters a front end may poll while a measurement runs; written with relaxed stores only.
+struct MeasureProgress {
+    std::atomic<std::uint64_t> entries{0};
+    std::atomic<std::uint64_t> allocatedBytes{0};
+};
+
+struct Footprint {
+    std::uint64_t allocatedBytes = 0; // hard links counted once across the tally
+    std::uint64_t fileCount = 0;      // regular files met
+    std::uint64_t directoryCount = 0; // directories entered, the root included
+    bool vanished = false;            // the entry was gone before it could be measured
+};
+
+// Allocated bytes and counts of one entry; regular files also feed `tally.freeable`. Symbolic
+// links count nothing, other file systems and levels past the depth limit become warnings.
+Footprint measureFootprint(std::string_view path, std::optional<EntryIdentity> expected,
+                           std::vector<std::string>& warnings, FootprintTally& tally,
+                           const Cancellation& cancel = {}, MeasureProgress* progress = nullptr);
+
+struct InventoryNode {
+    std::string name;
+    std::string path;
+    bool isDirectory = false;
+    std::uint64_t physicalBytes = 0;
+    std::uint64_t logicalBytes = 0;
+    std::uint64_t fileCount = 0;
+    std::int64_t newest = 0;
+    std::int64_t oldest = 0;
+    std::vector<InventoryNode> children;
+    bool isComplete = true;
+
+    friend bool operator==(const InventoryNode&, const InventoryNode&) = default;
+};
+
+struct InventoryNodeHash {
+    size_t operator()(const InventoryNode& node) const noexcept;
+};
+
+// A measured tree of one entry in `parentFd`, cut off (isComplete false) at depth 257 or once the
+// deadline has passed.
+InventoryNode buildInventory(int parentFd, const std::string& name, const std::string& path,
+                             const struct stat& st, int depth,
+                             std::chrono::steady_clock::time_point deadline, HardlinkLedger& ledger,
+                             const Cancellation& cancel = {});
+
+struct RemovalCounts {
+    std::uint64_t removedEntries = 0;
+    std::uint64_t freedBytes = 0;
+};
+
+struct RemovalOptions {
+    // Entries for which this answers true stay where they are.
+    std::function<bool(const std::string& path)> keep;
+    // Runs before each removal, for progress; it may throw to stop.
+    std::function<void(const std::string& path)> perEntry;
+    // When set, no path outside this folder may be touched.
+    std::optional<std::string> ownedRoot;
+    Cancellation cancel;
+};
+
+// Removes one entry of `parentFd` after checking it is still the one `recorded` describes.
+// Returns false when it was kept or already gone.
+bool removeEntry(int parentFd, const std::string& name, const std::string& path,
+                 const struct stat& recorded, const RemovalOptions& options, RemovalCounts& counts);
+
+// Removes a tree depth-first, never crossing onto another device. Serves only the teardown of
+// the test-fixture roots this process created.
+RemovalCounts removeTree(std::string_view path, std::uint64_t expectedDevice,
+                         const RemovalOptions& options);
+
+} // namespace sd

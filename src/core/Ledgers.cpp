@@ -1,0 +1,58 @@
+#include "core/Ledgers.h"
+
+#include "core/Saturating.h"
+
+#include <algorithm>
+
+namespace sd {
+
+bool HardlinkLedger::countOnce(const struct stat& st) {
+    ++visited_;
+    if (st.st_nlink < 2) {
+        return true;
+    }
+    return sight(EntryIdentity::of(st)) == 1;
+}
+
+std::uint64_t HardlinkLedger::sight(const Key& key) {
+    std::uint64_t& seen = sightings_[key];
+    seen = saturatingAdd(seen, 1);
+    return seen;
+}
+
+void FreeableAccumulator::add(const FileSample& sample) {
+    std::uint64_t links = sample.linkCount == 0 ? 1 : sample.linkCount;
+    if (links >= 2 && ledger_.sight({sample.device, sample.inode}) != links) {
+        return;
+    }
+    privateTotal_ = saturatingAdd(privateTotal_, sample.privateBytes);
+    std::uint32_t references = sample.cloneReferences == 0 ? 1 : sample.cloneReferences;
+    if (!sample.cloneID || references < 2) {
+        return;
+    }
+    std::uint64_t shared = sample.allocatedBytes > sample.privateBytes
+                               ? sample.allocatedBytes - sample.privateBytes
+                               : 0;
+    auto [group, inserted] = groups_.try_emplace(GroupKey{sample.device, *sample.cloneID});
+    Group& g = group->second;
+    g.members = saturatingAdd(g.members, 1);
+    if (inserted) {
+        g.references = references;
+        g.sharedBytes = shared;
+    } else {
+        g.references = std::max<std::uint64_t>(g.references, references);
+        g.sharedBytes = std::min(g.sharedBytes, shared);
+    }
+}
+
+std::uint64_t FreeableAccumulator::freeableBytes() const noexcept {
+    std::uint64_t total = privateTotal_;
+    for (const auto& [key, group] : groups_) {
+        if (group.members >= group.references) {
+            total = saturatingAdd(total, group.sharedBytes);
+        }
+    }
+    return total;
+}
+
+} // namespace sd

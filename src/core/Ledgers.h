@@ -1,0 +1,95 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <sys/stat.h>
+#include <unordered_map>
+
+namespace sd {
+
+// Device and inode of an entry, compared before a descriptor is trusted and before anything moves.
+struct EntryIdentity {
+    std::uint64_t device = 0;
+    std::uint64_t inode = 0;
+
+    friend bool operator==(const EntryIdentity&, const EntryIdentity&) = default;
+    static EntryIdentity of(const struct stat& st) noexcept {
+        return {static_cast<std::uint64_t>(st.st_dev), static_cast<std::uint64_t>(st.st_ino)};
+    }
+};
+
+struct EntryIdentityHash {
+    size_t operator()(const EntryIdentity& key) const noexcept {
+        // Inodes are dense and devices few: mixing the device in with a multiply is enough.
+        return static_cast<size_t>(key.inode ^ (key.device * 0x9E3779B97F4A7C15ULL));
+    }
+};
+
+// What one measured regular file contributes to the bytes a removal would free.
+struct FileSample {
+    std::uint64_t device = 0;
+    std::uint64_t inode = 0;
+    std::uint64_t linkCount = 1;
+    std::uint64_t allocatedBytes = 0;
+    std::uint64_t privateBytes = 0;
+    std::optional<std::uint64_t> cloneID;
+    std::uint32_t cloneReferences = 1;
+};
+
+// Counts each hard-linked file at the first of its links met, so a set's total holds its blocks
+// once. One ledger lives as long as one scan.
+class HardlinkLedger {
+public:
+    using Key = EntryIdentity;
+
+    // True when this entry's blocks should be added: always for a single link, else only at the
+    // first sighting of its inode.
+    bool countOnce(const struct stat& st);
+    // Records one more sighting of `key` and returns how many there have been.
+    std::uint64_t sight(const Key& key);
+
+    std::uint64_t visited() const noexcept { return visited_; }
+    size_t trackedFiles() const noexcept { return sightings_.size(); }
+
+private:
+    std::unordered_map<Key, std::uint64_t, EntryIdentityHash> sightings_;
+    std::uint64_t visited_ = 0;
+};
+
+// What removing a set of files would really give back: a hard-linked file only when all of its
+// links are in the set, and blocks shared by clones only when the whole clone family is.
+class FreeableAccumulator {
+public:
+    struct GroupKey {
+        std::uint64_t device = 0;
+        std::uint64_t cloneID = 0;
+        friend bool operator==(const GroupKey&, const GroupKey&) = default;
+    };
+    struct Group {
+        std::uint64_t members = 0;
+        std::uint64_t references = 0;
+        std::uint64_t sharedBytes = 0;
+    };
+
+    void add(const FileSample& sample);
+    std::uint64_t freeableBytes() const noexcept;
+    std::uint64_t privateTotal() const noexcept { return privateTotal_; }
+
+private:
+    struct GroupKeyHash {
+        size_t operator()(const GroupKey& key) const noexcept {
+            return EntryIdentityHash{}({key.device, key.cloneID});
+        }
+    };
+    HardlinkLedger ledger_;
+    std::uint64_t privateTotal_ = 0;
+    std::unordered_map<GroupKey, Group, GroupKeyHash> groups_;
+};
+
+// The two ledgers one measurement keeps: one for the allocated total, one for what is freeable.
+struct FootprintTally {
+    HardlinkLedger ledger;
+    FreeableAccumulator freeable;
+};
+
+} // namespace sd

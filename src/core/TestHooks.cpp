@@ -1,0 +1,31 @@
+#include "core/TestHooks.h"
+
+#ifdef SPARROWDECK_TEST_HOOKS
+
+#include <mutex>
+
+namespace sd::testhooks {
+namespace {
+std::mutex lock;
+std::function<void(const std::string&)> beforeOpen;
+} // namespace
+
+void setBeforeOpenDirectory(std::function<void(const std::string& path)> hook) {
+    std::lock_guard guard(lock);
+    beforeOpen = std::move(hook);
+}
+
+void beforeOpenDirectory(const std::string& parentPath, const char* name) {
+    std::function<void(const std::string&)> hook;
+    {
+        std::lock_guard guard(lock);
+        hook = beforeOpen;
+    }
+    if (hook) {
+        hook(parentPath == "/" ? "/" + std::string(name) : parentPath + "/" + name);
+    }
+}
+
+} // namespace sd::testhooks
+
+#endif

@@ -1,0 +1,20 @@
+#pragma once
+
+#include <functional>
+#include <string>
+
+namespace sd::testhooks {
+
+// A seam for tests that need to change the tree at the exact moment between reading a
+// directory's entry and opening it, which no second thread can hit reliably. Compiled only into
+// builds configured with SPARROWDECK_TEST_HOOKS; elsewhere it is an empty inline call.
+#ifdef SPARROWDECK_TEST_HOOKS
+inline constexpr bool enabled = true;
+void setBeforeOpenDirectory(std::function<void(const std::string& path)> hook);
+void beforeOpenDirectory(const std::string& parentPath, const char* name);
+#else
+inline constexpr bool enabled = false;
+inline void beforeOpenDirectory(const std::string&, const char*) {}
+#endif
+
+} // namespace sd::testhooks

@@ -1,0 +1,138 @@
+#include "platform/CloneAttributes.h"
+
+#include "core/CleanerError.h"
+#include "core/Saturating.h"
+#include "core/UniqueFd.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <linux/fiemap.h>
+#include <linux/fs.h>
+#include <linux/magic.h>
+#include <mutex>
+#include <sys/ioctl.h>
+#include <sys/vfs.h>
+#include <unordered_map>
+
+namespace sd::platform {
+namespace {
+
+#ifndef XFS_SUPER_MAGIC
+constexpr long xfsSuperMagic = 0x58465342;
+#else
+constexpr long xfsSuperMagic = XFS_SUPER_MAGIC;
+#endif
+
+// Only btrfs and XFS can share blocks between files; asking any other file system for its
+// extent map costs an open and an ioctl per file and can only say "all private".
+bool deviceCanShareBlocks(int parentFd, std::uint64_t device) {
+    static std::mutex lock;
+    static std::unordered_map<std::uint64_t, bool> known;
+    {
+        std::lock_guard guard(lock);
+        if (auto found = known.find(device); found != known.end()) {
+            return found->second;
+        }
+    }
+    struct statfs fs {};
+    if (::fstatfs(parentFd, &fs) != 0) {
+        return false;
+    }
+    bool canShare = static_cast<long>(fs.f_type) == static_cast<long>(BTRFS_SUPER_MAGIC) ||
+                    static_cast<long>(fs.f_type) == xfsSuperMagic;
+    std::lock_guard guard(lock);
+    known.emplace(device, canShare);
+    return canShare;
+}
+
+constexpr unsigned extentBatch = 128;
+
+// struct fiemap ends in a flexible array, so the request lives in raw, suitably aligned storage.
+struct FiemapBuffer {
+    alignas(struct fiemap) unsigned char bytes[sizeof(struct fiemap) +
+                                               extentBatch * sizeof(struct fiemap_extent)];
+    struct fiemap* header() noexcept {
+        return reinterpret_cast<struct fiemap*>(bytes);
+    }
+};
+
+} // namespace
+
+bool mayShareBlocks(int dirFd, std::uint64_t device) {
+    return deviceCanShareBlocks(dirFd, device);
+}
+
+CloneReading readCloneAttributes(int parentFd, const char* name, const std::string& path,
+                                 const struct stat& st) {
+    CloneReading reading;
+    if (!S_ISREG(st.st_mode) || !deviceCanShareBlocks(parentFd, st.st_dev)) {
+        return reading;
+    }
+    UniqueFd fd(
+        ::openat(parentFd, name, O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
+    if (!fd) {
+        int error = errno;
+        if (error == ENOENT) {
+            reading.vanished = true;
+            return reading;
+        }
+        // A file we may not read still has a size we can report; its sharing is simply unknown,
+        // which the core treats like a file system that keeps no such record.
+        if (error == EACCES || error == EPERM) {
+            return reading;
+        }
+        throw makeCoreError(operation::readingCloneAttributes, path, error);
+    }
+    struct stat opened {};
+    if (::fstat(fd.get(), &opened) != 0) {
+        throw makeCoreError(operation::readingCloneAttributes, path, errno);
+    }
+    reading.device = static_cast<std::uint64_t>(opened.st_dev);
+    reading.inode = static_cast<std::uint64_t>(opened.st_ino);
+
+    FiemapBuffer buffer{};
+    struct fiemap* request = buffer.header();
+    std::uint64_t shared = 0;
+    std::uint64_t start = 0;
+    for (;;) {
+        std::memset(buffer.bytes, 0, sizeof buffer.bytes);
+        request->fm_start = start;
+        request->fm_length = FIEMAP_MAX_OFFSET - start;
+        request->fm_extent_count = extentBatch;
+        if (::ioctl(fd.get(), FS_IOC_FIEMAP, request) != 0) {
+            int error = errno;
+            if (error == EOPNOTSUPP || error == ENOTTY) {
+                return CloneReading{reading.device, reading.inode, {}, {}, {}, false};
+            }
+            throw makeCoreError(operation::readingCloneAttributes, path, error);
+        }
+        unsigned count = request->fm_mapped_extents;
+        if (count == 0) {
+            break;
+        }
+        bool last = false;
+        for (unsigned i = 0; i < count && i < extentBatch; ++i) {
+            const fiemap_extent& extent = request->fm_extents[i];
+            last = last || (extent.fe_flags & FIEMAP_EXTENT_LAST) != 0;
+            // Inline data lives in metadata, and unknown or delayed extents have no place on
+            // disk yet: none of them can be shared.
+            constexpr unsigned placeless =
+                FIEMAP_EXTENT_UNKNOWN | FIEMAP_EXTENT_DATA_INLINE | FIEMAP_EXTENT_DELALLOC;
+            if ((extent.fe_flags & placeless) == 0 && (extent.fe_flags & FIEMAP_EXTENT_SHARED)) {
+                shared = saturatingAdd(shared, extent.fe_length);
+            }
+        }
+        const fiemap_extent& tail = request->fm_extents[std::min(count, extentBatch) - 1];
+        start = tail.fe_logical + tail.fe_length;
+        if (last || count < extentBatch) {
+            break;
+        }
+    }
+    std::uint64_t allocated = allocatedBytesOf(st);
+    reading.privateBytes = shared >= allocated ? 0 : allocated - shared;
+    return reading;
+}
+
+} // namespace sd::platform
