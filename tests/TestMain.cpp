@@ -1,4 +1,5 @@
 #include "Fixture.h"
+#include "core/CleanerError.h"
 #include "core/MockRoots.h"
 #include "core/PathRules.h"
 
@@ -34,6 +35,11 @@ int main(int argc, char** argv) {
         return 1;
     }
     int status = RUN_ALL_TESTS();
-    sd::MockRoots::tearDown(sd::test::root);
+    try {
+        sd::MockRoots::tearDown(sd::test::root);
+    } catch (const sd::CleanerError& e) {
+        std::fprintf(stderr, "The fixture root could not be removed: %s\n", e.what());
+        return 1;
+    }
     return status;
 }
