@@ -1,8 +1,10 @@
 #include "cli/Terminal.h"
 
+#include <condition_variable>
 #include <csignal>
 #include <cstdio>
 #include <exception>
+#include <mutex>
 #include <unistd.h>
 
 namespace sd::cli {
@@ -29,7 +31,9 @@ void runWithProgress(const std::function<void()>& work, const std::function<std:
     struct sigaction previous {};
     ::sigaction(SIGINT, &action, &previous);
 
-    std::atomic<bool> finished{false};
+    std::mutex lock;
+    std::condition_variable done;
+    bool finished = false;
     std::exception_ptr failure;
     std::jthread worker([&] {
         try {
@@ -37,16 +41,19 @@ void runWithProgress(const std::function<void()>& work, const std::function<std:
         } catch (...) {
             failure = std::current_exception();
         }
-        finished.store(true, std::memory_order_release);
+        std::lock_guard guard(lock);
+        finished = true;
+        done.notify_one();
     });
     const bool draw = progressVisible();
     bool drew = false;
-    while (!finished.load(std::memory_order_acquire)) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    int tick = 0;
+    // Wake as soon as the work ends, so a short job is not rounded up to the next tick.
+    for (std::unique_lock guard(lock);
+         !done.wait_for(guard, std::chrono::milliseconds(50), [&] { return finished; });) {
         if (interrupted != 0) {
             cancellation.cancel();
         }
-        static int tick = 0;
         if (draw && ++tick % 4 == 0) {
             std::string line = status();
             std::fprintf(stderr, "\r\033[K%s", line.c_str());

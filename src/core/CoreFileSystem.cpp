@@ -6,12 +6,12 @@
 #include "core/Saturating.h"
 #include "core/TestHooks.h"
 #include "platform/CloneAttributes.h"
+#include "platform/DirectoryReader.h"
 #include "platform/OpenFlags.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <climits>
-#include <dirent.h>
 #include <fcntl.h>
 #include <fnmatch.h>
 #include <limits>
@@ -179,41 +179,19 @@ std::optional<struct stat> statEntry(int parentFd, const char* name, std::string
 }
 
 std::vector<std::string> listDirectory(int fd, std::string_view path, const Cancellation& cancel) {
-    UniqueFd copy(::dup(fd));
-    if (!copy) {
-        throw makeCoreError(operation::duplicatingDirectory, path, errno);
-    }
-    DIR* dir = ::fdopendir(copy.get());
-    if (dir == nullptr) {
-        throw makeCoreError(operation::readingDirectory, path, errno);
-    }
-    copy.release(); // closedir owns it now
-    std::unique_ptr<DIR, int (*)(DIR*)> owner(dir, &::closedir);
-    // The shared descriptor offset may sit at the end after an earlier listing.
-    ::rewinddir(dir);
+    cancel.check();
     std::vector<std::string> names;
-    for (;;) {
-        if (cancel.requested()) {
-            throw CleanerError::cancelled();
-        }
-        errno = 0;
-        const dirent* entry = ::readdir(dir);
-        if (entry == nullptr) {
-            if (errno != 0) {
-                throw makeCoreError(operation::readingDirectory, path, errno);
-            }
-            break;
-        }
-        std::string_view name(entry->d_name);
-        if (name == "." || name == "..") {
-            continue;
-        }
+    platform::DirectoryReadFailure failure = platform::readDirectoryNames(fd, names);
+    if (!failure.operation.empty()) {
+        throw makeCoreError(failure.operation, path, failure.error);
+    }
+    for (const std::string& name : names) {
         if (!isUtf8(name)) {
             throw CleanerError::safety("Directory contains a filename that is not valid UTF-8: " +
                                        std::string(path));
         }
-        names.emplace_back(name);
     }
+    cancel.check();
     std::sort(names.begin(), names.end());
     return names;
 }
