@@ -10,6 +10,7 @@
 #include <linux/magic.h>
 #include <memory>
 #include <optional>
+#include <ostream>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -69,6 +70,28 @@ bool isMountPoint(const std::string& path) {
            here.st_dev != above.st_dev;
 }
 
+// A mount left behind would make the fixture root's teardown refuse to cross it and would
+// outlive the process, so this tries hard, and lazily as a last resort.
+void unmountHard(const std::string& mountPoint) {
+    for (int attempt = 0; attempt < 50 && isMountPoint(mountPoint); ++attempt) {
+        if (::umount2(mountPoint.c_str(), 0) == 0 || errno != EBUSY) {
+            break;
+        }
+        ::usleep(100'000);
+    }
+    if (isMountPoint(mountPoint)) {
+        ::umount2(mountPoint.c_str(), MNT_DETACH);
+    }
+}
+
+std::string whyNoMounts() {
+    if (::geteuid() != 0) {
+        return "Mounting a file system needs root, and this test runs as uid " +
+               std::to_string(::geteuid()) + ".";
+    }
+    return {};
+}
+
 // A btrfs file system in a sparse image, loop-mounted for the length of one test. The image
 // lives in a fresh folder of its own so that measuring the tree around the mount point never
 // meets it.
@@ -76,9 +99,8 @@ class LoopBtrfs {
 public:
     // Empty, with a sentence in `whyNot`, when this machine will not let us mount one.
     static std::unique_ptr<LoopBtrfs> mount(const std::string& mountPoint, std::string& whyNot) {
-        if (::geteuid() != 0) {
-            whyNot = "Mounting a loop btrfs image needs root, and this test runs as uid " +
-                     std::to_string(::geteuid()) + ".";
+        whyNot = whyNoMounts();
+        if (!whyNot.empty()) {
             return nullptr;
         }
         if (!haveTool("mkfs.btrfs")) {
@@ -124,18 +146,7 @@ public:
     LoopBtrfs& operator=(const LoopBtrfs&) = delete;
 
     ~LoopBtrfs() {
-        // A mount left behind would make the fixture root's teardown refuse to cross it and
-        // would hold a loop device after the process ends, so this tries hard, and lazily as a
-        // last resort.
-        for (int attempt = 0; attempt < 50 && isMountPoint(mountPoint_); ++attempt) {
-            if (::umount2(mountPoint_.c_str(), 0) == 0 || errno != EBUSY) {
-                break;
-            }
-            ::usleep(100'000);
-        }
-        if (isMountPoint(mountPoint_)) {
-            ::umount2(mountPoint_.c_str(), MNT_DETACH);
-        }
+        unmountHard(mountPoint_);
         try {
             // mount -o loop sets autoclear, but a lazily detached mount can keep the device.
             runShell("losetup -n -O NAME -j " + shellQuote(image_) +
@@ -171,6 +182,37 @@ private:
     std::string image_;
     std::string mountPoint_;
     std::uint64_t device_ = 0;
+};
+
+// A small tmpfs, for a file system that can never share blocks.
+class ScopedTmpfs {
+public:
+    static std::unique_ptr<ScopedTmpfs> mount(const std::string& mountPoint, std::string& whyNot) {
+        whyNot = whyNoMounts();
+        if (!whyNot.empty()) {
+            return nullptr;
+        }
+        makeDirs(mountPoint);
+        CommandResult r =
+            runShell("mount -t tmpfs -o size=4m tmpfs " + shellQuote(mountPoint) + " 2>&1");
+        if (r.status != 0 || !isMountPoint(mountPoint)) {
+            whyNot =
+                "This machine does not permit mounting a tmpfs (mount said: " + trimmed(r.output) +
+                ").";
+            return nullptr;
+        }
+        return std::unique_ptr<ScopedTmpfs>(new ScopedTmpfs(mountPoint));
+    }
+    ScopedTmpfs(const ScopedTmpfs&) = delete;
+    ScopedTmpfs& operator=(const ScopedTmpfs&) = delete;
+    ~ScopedTmpfs() { unmountHard(mountPoint_); }
+
+    const std::string& path() const noexcept { return mountPoint_; }
+    std::uint64_t device() const { return lstatOrThrow(mountPoint_).st_dev; }
+
+private:
+    explicit ScopedTmpfs(std::string mountPoint) : mountPoint_(std::move(mountPoint)) {}
+    std::string mountPoint_;
 };
 
 void reflinkCopy(const std::string& from, const std::string& to) {
@@ -358,15 +400,66 @@ void expectFreeable(const std::string& path, const FreeableCase& row) {
     EXPECT_EQ(m.freeable, row.wholeFile ? m.footprint.allocatedBytes : row.ownBytes);
 }
 
+TEST_F(ReflinkVolume, SharingIsAskedAgainWhenADeviceNumberComesBack) {
+    // Device numbers of unmounted file systems are handed out again. An answer remembered for
+    // a tmpfs must not be given to the btrfs that later gets the same number. This test comes
+    // first in the file so that no earlier measurement has already remembered that number.
+    const std::uint64_t number = volume_->device();
+    volume_.reset();
+    std::string whyNot;
+    std::vector<std::unique_ptr<ScopedTmpfs>> standIns;
+    while (standIns.size() < 4 && (standIns.empty() || standIns.back()->device() != number)) {
+        standIns.push_back(
+            ScopedTmpfs::mount(tree_ + "/tmpfs" + std::to_string(standIns.size()), whyNot));
+        if (!standIns.back()) {
+            GTEST_SKIP() << whyNot;
+        }
+    }
+    if (standIns.back()->device() != number) {
+        GTEST_SKIP() << "No tmpfs was given the unmounted volume's device number, so no stale "
+                        "answer can be provoked here.";
+    }
+    std::string onTmpfs = standIns.back()->path() + "/files";
+    makeDirs(onTmpfs);
+    writeFilledFile(onTmpfs + "/x", 64 * kib);
+    Measured before = measure(onTmpfs);
+    ASSERT_GT(before.footprint.allocatedBytes, 0U);
+    ASSERT_EQ(before.freeable, before.footprint.allocatedBytes);
+    standIns.clear();
+
+    volume_ = LoopBtrfs::mount(tree_ + "/again", whyNot);
+    if (!volume_) {
+        GTEST_SKIP() << whyNot;
+    }
+    if (volume_->device() != number) {
+        GTEST_SKIP() << "The second btrfs was given another device number than the tmpfs had, "
+                        "so no stale answer can be provoked here.";
+    }
+    makeClonedFiles();
+    // The mount point first: its parent cannot speak for the volume, so only the files'
+    // own directories can replace the tmpfs's answer.
+    const FreeableCase rows[] = {
+        {"", blocksOf(lstatOrThrow(onVolume("plain/p"))), false},
+        {"pair", 0, false},
+    };
+    for (const FreeableCase& row : rows) {
+        expectFreeable(onVolume(row.relative), row);
+    }
+}
+
 TEST_F(ReflinkVolume, SharedExtentsAreNeverPromisedAsFreeable) {
     makeClonedFiles();
+    const std::uint64_t plain = blocksOf(lstatOrThrow(onVolume("plain/p")));
     {
         SCOPED_TRACE("right after cp --reflink=always");
         // Removing both copies would free their blocks, but Linux names no clone family to
-        // prove the set is complete, so nothing shared is promised.
+        // prove the set is complete, so nothing shared is promised. The volume is measured at
+        // its mount point first: that walk starts from a directory on another file system, and
+        // no earlier measurement of the volume may have answered for it.
         const FreeableCase rows[] = {
-            {"pair", 0, false}, {"pair/a", 0, false}, {"pair/b", 0, false},
-            {"frag", 0, false}, {"frag/d", 0, false}, {"plain/p", 0, true},
+            {"", plain, false},       {"pair", 0, false}, {"pair/a", 0, false},
+            {"pair/b", 0, false},     {"frag", 0, false}, {"frag/d", 0, false},
+            {"plain/p", plain, true},
         };
         for (const FreeableCase& row : rows) {
             expectFreeable(onVolume(row.relative), row);
@@ -384,18 +477,19 @@ TEST_F(ReflinkVolume, SharedExtentsAreNeverPromisedAsFreeable) {
     {
         SCOPED_TRACE("after rewriting part of one copy in place");
         const FreeableCase rows[] = {
-            {"pair", 64 * kib, false},  {"pair/a", 64 * kib, false}, {"pair/b", 0, false},
-            {"frag/c", 1 * mib, false}, {"frag/d", 0, false},        {"frag", 1 * mib, false},
-            {"plain/p", 0, true},       {"plain", 0, true},
+            {"", 64 * kib + 1 * mib + plain, false},
+            {"pair", 64 * kib, false},
+            {"pair/a", 64 * kib, false},
+            {"pair/b", 0, false},
+            {"frag/c", 1 * mib, false},
+            {"frag/d", 0, false},
+            {"frag", 1 * mib, false},
+            {"plain/p", plain, true},
+            {"plain", plain, true},
         };
         for (const FreeableCase& row : rows) {
             expectFreeable(onVolume(row.relative), row);
         }
-    }
-    {
-        SCOPED_TRACE("the whole volume, measured at its mount point");
-        std::uint64_t plain = blocksOf(lstatOrThrow(onVolume("plain/p")));
-        expectFreeable(volume_->path(), {"", 64 * kib + 1 * mib + plain, false});
     }
 }
 
@@ -494,6 +588,10 @@ struct MountCase {
     bool crossesMount;    // the mount lies strictly inside what is measured
 };
 
+void PrintTo(const MountCase& row, std::ostream* out) {
+    *out << row.label;
+}
+
 class ReflinkMountedTree : public ReflinkVolume, public ::testing::WithParamInterface<MountCase> {
 protected:
     std::string mountRelative() const override { return GetParam().mountAt; }
@@ -541,6 +639,10 @@ struct RemovalCase {
     const char* refusedPath; // relative to the tree
     bool removesNothing;     // the refusal comes before any entry is touched
 };
+
+void PrintTo(const RemovalCase& row, std::ostream* out) {
+    *out << row.label;
+}
 
 class ReflinkRemoveTree : public ReflinkVolume,
                           public ::testing::WithParamInterface<RemovalCase> {};

@@ -27,23 +27,32 @@ constexpr long xfsSuperMagic = XFS_SUPER_MAGIC;
 
 // Only btrfs and XFS can share blocks between files; asking any other file system for its
 // extent map costs an open and an ioctl per file and can only say "all private".
-bool deviceCanShareBlocks(int parentFd, std::uint64_t device) {
+// `fresh` asks the file system again instead of trusting what was remembered: a device number
+// is handed to another file system once the first is unmounted.
+bool deviceCanShareBlocks(int parentFd, std::uint64_t device, bool fresh) {
     static std::mutex lock;
     static std::unordered_map<std::uint64_t, bool> known;
-    {
+    if (!fresh) {
         std::lock_guard guard(lock);
         if (auto found = known.find(device); found != known.end()) {
             return found->second;
         }
     }
+    // The directory only speaks for `device` when it lives there: the parent of a mount point
+    // is on another file system. Without an answer, let each file's extent map decide, and
+    // drop what was remembered so the next file's own directory is asked.
+    struct stat dir {};
     struct statfs fs {};
-    if (::fstatfs(parentFd, &fs) != 0) {
-        return false;
+    if (::fstat(parentFd, &dir) != 0 || static_cast<std::uint64_t>(dir.st_dev) != device ||
+        ::fstatfs(parentFd, &fs) != 0) {
+        std::lock_guard guard(lock);
+        known.erase(device);
+        return true;
     }
     bool canShare = static_cast<long>(fs.f_type) == static_cast<long>(BTRFS_SUPER_MAGIC) ||
                     static_cast<long>(fs.f_type) == xfsSuperMagic;
     std::lock_guard guard(lock);
-    known.emplace(device, canShare);
+    known.insert_or_assign(device, canShare);
     return canShare;
 }
 
@@ -61,13 +70,14 @@ struct FiemapBuffer {
 } // namespace
 
 bool mayShareBlocks(int dirFd, std::uint64_t device) {
-    return deviceCanShareBlocks(dirFd, device);
+    // Once per measurement, so the per-file checks of this walk read a current answer.
+    return deviceCanShareBlocks(dirFd, device, true);
 }
 
 CloneReading readCloneAttributes(int parentFd, const char* name, const std::string& path,
                                  const struct stat& st) {
     CloneReading reading;
-    if (!S_ISREG(st.st_mode) || !deviceCanShareBlocks(parentFd, st.st_dev)) {
+    if (!S_ISREG(st.st_mode) || !deviceCanShareBlocks(parentFd, st.st_dev, false)) {
         return reading;
     }
     UniqueFd fd(
