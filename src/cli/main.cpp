@@ -1,4 +1,5 @@
 #include "cli/MeasureCommand.h"
+#include "cli/ReclaimCommands.h"
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
@@ -14,6 +15,9 @@ int main(int argc, char** argv) {
     app.require_subcommand(1);
     int exitStatus = 0;
     sd::cli::addMeasureCommand(app, exitStatus);
+    sd::cli::addTrashCommand(app, exitStatus);
+    sd::cli::addActivityCommand(app, exitStatus);
+    sd::cli::addPutBackCommand(app, exitStatus);
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp& e) {

@@ -10,4 +10,16 @@ namespace sd::platform {
 std::span<const std::string_view> extraProtectedLocations();
 std::span<const std::string_view> extraAppDataLocations();
 
+// Cloud-synchronised folders this platform adds, whose contents may not be on this disk at all.
+std::span<const std::string_view> extraCloudFolders();
+
+// Absolute folders of the operating system itself, under which nothing is ever moved.
+std::span<const std::string_view> systemRoots();
+
+// Where git is looked for, in order.
+std::span<const std::string_view> gitCandidates();
+
+// The action offered beside a row the program will not move: the person looks and decides.
+std::string_view revealActionText();
+
 } // namespace sd::platform

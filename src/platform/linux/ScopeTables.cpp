@@ -17,7 +17,31 @@ constexpr std::array<std::string_view, 6> appDataRows{
     ".config", ".cache", ".local/share", ".local/state", ".var/app", "snap",
 };
 
+constexpr std::array<std::string_view, 6> cloudRows{
+    "Dropbox", "Nextcloud", "ownCloud", "pCloudDrive", "MEGA", "OneDrive",
+};
+
+constexpr std::array<std::string_view, 17> systemRootRows{
+    "/bin",  "/boot", "/dev",  "/etc", "/lib", "/lib32", "/lib64", "/libx32", "/opt",
+    "/proc", "/run",  "/sbin", "/srv", "/sys", "/usr",   "/var",   "/snap",
+};
+
+constexpr std::array<std::string_view, 2> gitRows{"/usr/bin/git", "/usr/local/bin/git"};
+
 } // namespace
+
+std::span<const std::string_view> extraCloudFolders() {
+    return cloudRows;
+}
+std::span<const std::string_view> systemRoots() {
+    return systemRootRows;
+}
+std::span<const std::string_view> gitCandidates() {
+    return gitRows;
+}
+std::string_view revealActionText() {
+    return "Show in Files";
+}
 
 std::span<const std::string_view> extraProtectedLocations() {
     return protectedRows;

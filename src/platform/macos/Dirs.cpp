@@ -1,0 +1,17 @@
+#include "platform/Dirs.h"
+
+#include "core/PathRules.h"
+
+namespace sd::platform {
+
+std::string dataHome() {
+    return homeDirectory() + "/Library/Application Support";
+}
+std::string supportDirectory() {
+    return dataHome() + "/Sparrowdeck";
+}
+std::string configHome() {
+    return homeDirectory() + "/Library/Preferences";
+}
+
+} // namespace sd::platform

@@ -1,0 +1,105 @@
+#pragma once
+
+#include "core/Cancellation.h"
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace sd {
+
+enum class JournalKind { sweep, findings, caches, uninstall, leftovers };
+
+std::string_view journalKindName(JournalKind kind);
+std::optional<JournalKind> journalKindFromName(std::string_view name);
+
+struct TrashedItem {
+    std::string originalPath;
+    std::string trashPath;
+    std::uint64_t bytes = 0;
+    std::string identityToken;
+    std::string group;
+    bool restored = false;
+    std::optional<std::string> targetID;
+
+    // Items are told apart by where they went and what they were.
+    std::string id() const { return trashPath; }
+};
+
+struct JournalEntry {
+    std::string id;
+    std::string date; // ISO 8601, UTC
+    std::string title;
+    JournalKind kind = JournalKind::findings;
+    std::vector<TrashedItem> items;
+    std::optional<std::map<std::string, std::uint64_t>> targetBytes;
+    std::optional<std::map<std::string, std::uint64_t>> targetRemainingBytes;
+};
+
+// Where a move's items go: an existing entry, under one of its row groups.
+struct JournalContext {
+    std::string entryID;
+    std::string group;
+};
+
+struct TrashRestoreResult {
+    std::set<std::string> restoredIDs;
+    std::uint64_t restoredBytes = 0;
+    std::vector<std::string> skipped;
+};
+
+// The record of everything moved to the Trash, behind the Activity list and Put Back. Several
+// processes may write it at once: every save takes an advisory lock and merges with what is on
+// disk, so no process's entries are lost.
+class ReclaimJournal {
+public:
+    // A journal kept in `file`, or only in memory when there is none.
+    explicit ReclaimJournal(std::optional<std::string> file);
+    // The journal in the support folder.
+    static ReclaimJournal standard();
+
+    // Reads the file. A file that cannot be decoded is kept aside under a new name and a
+    // sentence saying so is returned; nothing is ever silently overwritten.
+    std::vector<std::string> load();
+
+    const std::vector<JournalEntry>& entries() const noexcept { return entries_; }
+    const std::optional<std::string>& file() const noexcept { return file_; }
+    const JournalEntry* find(std::string_view idOrPrefix) const;
+
+    // Appends moved items to the entry named by `context`, or to a new entry. Returns the
+    // entry's id. Nothing is written when `items` is empty.
+    std::string record(std::vector<TrashedItem> items, const std::string& title, JournalKind kind,
+                       const std::optional<JournalContext>& context = std::nullopt);
+
+    void setTargetRemainingBytes(const std::string& entryID,
+                                 std::map<std::string, std::uint64_t> remaining);
+
+    // Returns the entry's items still in the Trash (only those of `group` when given) to where
+    // they were, and marks the ones that went back.
+    TrashRestoreResult putBack(const std::string& entryID, const std::optional<std::string>& group,
+                               const Cancellation& cancel = {});
+
+    // Sentences from the last save or load that the person should see (a journal set aside).
+    const std::vector<std::string>& warnings() const noexcept { return warnings_; }
+
+private:
+    template <typename Change> void update(Change&& change);
+
+    std::optional<std::string> file_;
+    std::vector<JournalEntry> entries_;
+    std::vector<std::string> warnings_;
+};
+
+// Texts of Put Back.
+std::string putBackProgressText(std::uint64_t count);
+std::string putBackResultText(const TrashRestoreResult& result);
+std::string putBackSkippedText(std::uint64_t count);
+inline constexpr std::string_view putBackConfirmationText = "Each goes back exactly where it was.";
+
+std::string newUuid();
+std::string isoTimestampNow();
+
+} // namespace sd

@@ -1,0 +1,67 @@
+#include "reclaim/VaultTypes.h"
+
+#include <array>
+
+namespace sd {
+
+std::string_view denyText(VaultDenyReason reason, DenyTextForm form) {
+    switch (reason) {
+    case VaultDenyReason::datalessFile:
+    case VaultDenyReason::datalessStateChanged:
+    case VaultDenyReason::cloudStorage:
+        return "Some files live in the cloud, not on this Mac.";
+    case VaultDenyReason::gitWorkingTree:
+        return form == DenyTextForm::compact
+                   ? "Git tracks it: by hand only."
+                   : "Git tracks something here — Sparrowdeck moves only what Git ignores. Reveal "
+                     "it and decide by hand.";
+    case VaultDenyReason::multiplyLinked:
+        return "Some files are hard-linked elsewhere, so moving them wouldn’t free the space.";
+    case VaultDenyReason::protectedDescendant:
+        return "Something inside looks like your own files (photos, documents, keys), so it won’t "
+               "move automatically.";
+    default:
+        return "The vault won’t move this automatically. Reveal it and decide by hand.";
+    }
+}
+
+std::string_view denyReasonName(VaultDenyReason reason) {
+    static constexpr std::array<std::string_view, 18> names{
+        "systemPath",           "protectedUserDir", "symlinkInPath",         "datalessFile",
+        "datalessStateChanged", "cloudStorage",     "photosLibraryInternal", "timeMachine",
+        "gitWorkingTree",       "multiplyLinked",   "protectedDescendant",   "sizeChangedSinceScan",
+        "nonTrashableVolume",   "tooShallow",       "outsideGrantedScope",   "stalePlan",
+        "unreadable",           "identityChanged",
+    };
+    return names[static_cast<size_t>(reason)];
+}
+
+std::string_view classificationName(VaultClassification classification) {
+    switch (classification) {
+    case VaultClassification::catalogued:
+        return "catalogued";
+    case VaultClassification::uncataloguedLarge:
+        return "uncataloguedLarge";
+    case VaultClassification::obviousUserData:
+        return "obviousUserData";
+    }
+    return "uncataloguedLarge";
+}
+
+std::string_view frictionName(VaultFriction friction) {
+    switch (friction) {
+    case VaultFriction::cataloguedLow:
+        return "cataloguedLow";
+    case VaultFriction::uncataloguedMedium:
+        return "uncataloguedMedium";
+    case VaultFriction::confirmOwnFiles:
+        return "confirmOwnFiles";
+    }
+    return "uncataloguedMedium";
+}
+
+std::string makeIdentityToken(std::uint64_t device, std::uint64_t inode) {
+    return std::to_string(static_cast<std::uint32_t>(device)) + ":" + std::to_string(inode);
+}
+
+} // namespace sd
