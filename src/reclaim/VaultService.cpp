@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
@@ -392,6 +393,9 @@ std::vector<RecycleAnswer> recycleToTrash(const std::vector<RecycleRequest>& req
                 parent->fd.get(), parent->name, request.path, *st, request.bytes);
             if (moved.trashPath) {
                 answer.trashPath = *moved.trashPath;
+            } else if (moved.error == ENOENT) {
+                answer.error =
+                    request.path + ": it vanished before it could move — nothing was moved.";
             } else if (moved.nonTrashable) {
                 answer.error = stayedNote(request.path, VaultDenyReason::nonTrashableVolume);
             } else {
