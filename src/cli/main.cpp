@@ -1,5 +1,6 @@
 #include "cli/MeasureCommand.h"
 #include "cli/ReclaimCommands.h"
+#include "cli/SweepCommands.h"
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
@@ -14,6 +15,9 @@ int main(int argc, char** argv) {
     app.set_version_flag("--version", "sparrowdeck " SPARROWDECK_VERSION);
     app.require_subcommand(1);
     int exitStatus = 0;
+    sd::cli::addSweepCommand(app, exitStatus);
+    sd::cli::addCleanCommand(app, exitStatus);
+    sd::cli::addCatalogCommand(app, exitStatus);
     sd::cli::addMeasureCommand(app, exitStatus);
     sd::cli::addTrashCommand(app, exitStatus);
     sd::cli::addActivityCommand(app, exitStatus);

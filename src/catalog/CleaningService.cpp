@@ -1,0 +1,569 @@
+#include "catalog/CleaningService.h"
+
+#include "catalog/InclusionPreferences.h"
+#include "core/CleanerError.h"
+#include "core/CoreFileSystem.h"
+#include "core/PathRules.h"
+#include "core/Saturating.h"
+
+#include <algorithm>
+#include <chrono>
+#include <fnmatch.h>
+#include <sys/stat.h>
+
+namespace sd {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+std::uint64_t millisecondsSince(Clock::time_point start) {
+    auto elapsed =
+        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
+    return elapsed < 0 ? 0 : static_cast<std::uint64_t>(elapsed);
+}
+
+bool globMatches(const std::string& pattern, const std::string& text) {
+    return ::fnmatch(pattern.c_str(), text.c_str(), FNM_PERIOD) == 0;
+}
+
+// True when `relative` (a path below a candidate) or one of its ancestors is excluded.
+bool isExcluded(const std::vector<std::string>& excludes, const std::string& relative) {
+    std::string prefix;
+    for (std::string_view component : splitComponents(relative)) {
+        prefix += prefix.empty() ? std::string(component) : "/" + std::string(component);
+        for (const std::string& exclude : excludes) {
+            if (globMatches(exclude, prefix)) {
+                return true;
+            }
+        }
+    }
+    return false;
+}
+
+// True when something an exclusion names may lie below `relative`, so the folder must be opened
+// rather than moved whole. A pattern component that could match "/" keeps the answer yes.
+bool mayContainExclusion(const std::vector<std::string>& excludes, const std::string& relative) {
+    std::vector<std::string_view> here = splitComponents(relative);
+    for (const std::string& exclude : excludes) {
+        std::vector<std::string_view> wanted = splitComponents(exclude);
+        if (wanted.size() <= here.size()) {
+            continue;
+        }
+        bool matches = true;
+        for (size_t i = 0; i < here.size() && matches; ++i) {
+            std::string part(wanted[i]);
+            if (part.find('*') != std::string::npos) {
+                break; // may span folders: descend to be safe
+            }
+            matches = globMatches(part, std::string(here[i]));
+        }
+        if (matches) {
+            return true;
+        }
+    }
+    return false;
+}
+
+std::optional<CleanPath> measureItem(const std::string& path, const struct stat& st,
+                                     const std::optional<std::string>& targetID,
+                                     const Cancellation& cancel, std::string& problem) {
+    std::vector<std::string> warnings;
+    FootprintTally tally;
+    Footprint footprint = measureFootprint(path, EntryIdentity::of(st), warnings, tally, cancel);
+    if (footprint.vanished) {
+        return std::nullopt;
+    }
+    for (const std::string& warning : warnings) {
+        if (warning.starts_with("Skipped mounted filesystem")) {
+            problem = "Kept in place: it is on another volume";
+            return std::nullopt;
+        }
+        problem = "Kept in place: it contains protected or unreadable entries";
+        return std::nullopt;
+    }
+    return CleanPath{path,
+                     footprint.allocatedBytes,
+                     tally.freeable.freeableBytes(),
+                     static_cast<std::uint64_t>(st.st_dev),
+                     static_cast<std::uint64_t>(st.st_ino),
+                     targetID};
+}
+
+} // namespace
+
+class CleaningService::Operation {
+public:
+    explicit Operation(CleaningService& service)
+        : service_(service), guard_(service.operationLock_) {
+        flag_ = std::make_shared<CoreCancellationState>();
+        std::lock_guard lock(service_.activeLock_);
+        service_.active_ = flag_;
+    }
+    ~Operation() {
+        std::lock_guard lock(service_.activeLock_);
+        if (service_.active_ == flag_) {
+            service_.active_.reset();
+        }
+    }
+    Operation(const Operation&) = delete;
+    Operation& operator=(const Operation&) = delete;
+    Cancellation cancellation() const { return Cancellation(flag_.get()); }
+
+private:
+    CleaningService& service_;
+    std::lock_guard<std::mutex> guard_;
+    std::shared_ptr<CoreCancellationState> flag_;
+};
+
+std::string expandTemplate(std::string_view pathTemplate) {
+    if (pathTemplate == "~") {
+        return homeDirectory();
+    }
+    if (pathTemplate.starts_with("~/")) {
+        return homeDirectory() + std::string(pathTemplate.substr(1));
+    }
+    return std::string(pathTemplate);
+}
+
+std::string resolveDisabledPath(const PathSpec& path) {
+    std::string base = expandTemplate(path.pathTemplate);
+    if (!path.pattern) {
+        return normalizePath(base);
+    }
+    const std::string& pattern = *path.pattern;
+    std::vector<std::string_view> parts = splitComponents(pattern);
+    bool climbs = std::any_of(parts.begin(), parts.end(),
+                              [](std::string_view c) { return c == "." || c == ".."; });
+    if (pattern.empty() || pattern.front() == '/' || climbs) {
+        throw CleanerError::invalidPath("Invalid disabled relative pattern");
+    }
+    return normalizePath(base + "/" + pattern);
+}
+
+CleaningService::CleaningService(std::shared_ptr<const VaultPolicy> policy)
+    : policy_(std::move(policy)) {}
+
+void CleaningService::cancel() {
+    std::lock_guard lock(activeLock_);
+    if (active_) {
+        active_->cancel();
+    }
+}
+
+std::optional<ScanResult> CleaningService::scan(const std::vector<Target>& targets,
+                                                const std::map<std::string, bool>& included,
+                                                const Progress& progress) {
+    std::uint64_t generation = ++generation_;
+    Operation operation(*this);
+    Cancellation cancel = operation.cancellation();
+    Clock::time_point start = Clock::now();
+    ScanResult result;
+    FootprintTally tally;
+
+    std::vector<std::pair<const Target*, const PathSpec*>> work;
+    for (const Target& target : targets) {
+        if (!target.enabled || !InclusionPreferences::includes(included, target.id)) {
+            continue;
+        }
+        for (const PathSpec& path : target.paths) {
+            if (path.enabled && (!path.id || InclusionPreferences::includes(included, *path.id))) {
+                work.emplace_back(&target, &path);
+            }
+        }
+    }
+    std::map<std::string, std::uint64_t> perTarget;
+    for (size_t i = 0; i < work.size(); ++i) {
+        cancel.check();
+        const auto& [target, path] = work[i];
+        if (progress) {
+            progress({Phase::scanning, static_cast<double>(i) / static_cast<double>(work.size()),
+                      target->title, "Measuring " + displayName(*target, *path), result.totalBytes,
+                      result.itemCount});
+        }
+        std::uint64_t bytes = 0;
+        std::vector<std::string> warnings;
+        try {
+            std::optional<std::string_view> pattern;
+            if (path->pattern) {
+                pattern = *path->pattern;
+            }
+            for (const ResolvedRoot& root :
+                 resolveRoots(path->pathTemplate, pattern, warnings, cancel)) {
+                Footprint footprint =
+                    measureFootprint(root.path, root.identity, warnings, tally, cancel);
+                bytes = saturatingAdd(bytes, footprint.allocatedBytes);
+                result.itemCount = saturatingAdd(result.itemCount, footprint.fileCount);
+            }
+        } catch (const CleanerError& error) {
+            if (error.kind() == CleanerError::Kind::operationCancelled) {
+                throw;
+            }
+            warnings.push_back(error.what());
+        }
+        result.warnings.insert(result.warnings.end(), warnings.begin(), warnings.end());
+        result.perPathBytes.push_back({target->id, path->id.value_or(path->pathTemplate), bytes});
+        perTarget[target->id] = saturatingAdd(perTarget[target->id], bytes);
+        result.totalBytes = saturatingAdd(result.totalBytes, bytes);
+    }
+    for (const Target& target : targets) {
+        if (auto found = perTarget.find(target.id); found != perTarget.end()) {
+            result.perTargetBytes.push_back({target.id, found->second});
+        }
+    }
+    result.durationMs = millisecondsSince(start);
+    if (progress) {
+        progress({Phase::scanning, 1.0, std::nullopt, "Scan complete", result.totalBytes,
+                  result.itemCount});
+    }
+    if (generation != generation_.load()) {
+        return std::nullopt; // a newer operation owns the screen now
+    }
+    return result;
+}
+
+std::vector<CacheCleaningCandidate>
+CleaningService::buildCandidates(const std::vector<Target>& targets,
+                                 const std::map<std::string, bool>& cleanIncluded,
+                                 std::vector<CleanError>& errors) {
+    struct Disabled {
+        std::optional<std::string> location;
+        std::string anchor;
+    };
+    std::vector<CacheCleaningCandidate> candidates;
+    std::vector<Disabled> disabled;
+    for (const Target& target : targets) {
+        if (!target.enabled || !InclusionPreferences::includes(cleanIncluded, target.id)) {
+            continue;
+        }
+        for (const PathSpec& path : target.paths) {
+            bool included = path.enabled &&
+                            (!path.id || InclusionPreferences::includes(cleanIncluded, *path.id));
+            if (!included) {
+                Disabled d{std::nullopt, expandTemplate(path.pathTemplate)};
+                try {
+                    d.location = resolveDisabledPath(path);
+                } catch (const CleanerError& error) {
+                    errors.push_back(
+                        {d.anchor,
+                         std::string("Could not preserve disabled selection: ") + error.what()});
+                }
+                disabled.push_back(std::move(d));
+                continue;
+            }
+            std::vector<std::string> warnings;
+            try {
+                std::optional<std::string_view> pattern;
+                if (path.pattern) {
+                    pattern = *path.pattern;
+                }
+                for (const ResolvedRoot& root :
+                     resolveRoots(path.pathTemplate, pattern, warnings)) {
+                    candidates.push_back({root.path, {}, false, target.id});
+                }
+            } catch (const CleanerError& error) {
+                errors.push_back({expandTemplate(path.pathTemplate), error.what()});
+            }
+            for (const std::string& warning : warnings) {
+                errors.push_back({expandTemplate(path.pathTemplate), warning});
+            }
+        }
+    }
+
+    std::vector<bool> skipped(candidates.size(), false);
+    for (const Disabled& d : disabled) {
+        for (size_t i = 0; i < candidates.size(); ++i) {
+            CacheCleaningCandidate& c = candidates[i];
+            if (!d.location) {
+                if (isInside(d.anchor, c.path) || isInside(c.path, d.anchor)) {
+                    if (!skipped[i]) {
+                        errors.push_back({c.path, "Skipped because a related disabled selection "
+                                                  "could not be resolved"});
+                    }
+                    skipped[i] = true;
+                }
+                continue;
+            }
+            if (isInside(*d.location, c.path)) {
+                // An exclusion equal to the location keeps all of it; the planner skips it.
+                c.excludes.push_back(d.location->size() == c.path.size()
+                                         ? std::string()
+                                         : d.location->substr(c.path.size() + 1));
+                continue;
+            }
+            // The location lies inside something switched off (patterns may name it).
+            std::string prefix;
+            for (std::string_view component : splitComponents(c.path)) {
+                prefix += "/" + std::string(component);
+                if (::fnmatch(d.location->c_str(), prefix.c_str(), FNM_PERIOD) == 0) {
+                    c.excludes.push_back(std::string());
+                    break;
+                }
+            }
+        }
+    }
+
+    std::vector<bool> incompatible(candidates.size(), false);
+    std::vector<bool> duplicate(candidates.size(), false);
+    for (size_t i = 0; i < candidates.size(); ++i) {
+        for (size_t j = i + 1; j < candidates.size(); ++j) {
+            const CacheCleaningCandidate& a = candidates[i];
+            const CacheCleaningCandidate& b = candidates[j];
+            bool bInsideA = isInside(b.path, a.path);
+            bool aInsideB = isInside(a.path, b.path);
+            if (!bInsideA && !aInsideB) {
+                continue;
+            }
+            if (a.excludes != b.excludes) {
+                incompatible[i] = incompatible[j] = true;
+            } else {
+                // Agreeing overlaps are measured and moved once, as the outer location.
+                duplicate[bInsideA ? j : i] = true;
+            }
+        }
+    }
+    std::vector<CacheCleaningCandidate> kept;
+    for (size_t i = 0; i < candidates.size(); ++i) {
+        if (skipped[i]) {
+            continue;
+        }
+        if (incompatible[i]) {
+            errors.push_back({candidates[i].path,
+                              "Skipped overlapping cache selections with incompatible exclusions"});
+            continue;
+        }
+        if (!duplicate[i]) {
+            kept.push_back(std::move(candidates[i]));
+        }
+    }
+    return kept;
+}
+
+CleanPlan CleaningService::plan(const std::vector<CacheCleaningCandidate>& candidates,
+                                const Progress& progress) {
+    Operation operation(*this);
+    Cancellation cancel = operation.cancellation();
+    CleanPlan plan;
+    for (size_t index = 0; index < candidates.size(); ++index) {
+        cancel.check();
+        const CacheCleaningCandidate& c = candidates[index];
+        if (progress) {
+            progress({Phase::cleaning,
+                      static_cast<double>(index) /
+                          static_cast<double>(std::max<size_t>(candidates.size(), 1)),
+                      c.targetID, "Measuring what emptying the Trash frees",
+                      plan.plannedFreeableBytes, plan.paths.size()});
+        }
+        try {
+            validateOperablePath(c.path);
+        } catch (const CleanerError&) {
+            continue; // protected or out of scope: never offered, never mentioned
+        }
+        if (std::find(c.excludes.begin(), c.excludes.end(), std::string()) != c.excludes.end()) {
+            continue;
+        }
+        std::optional<ParentHandle> parent = openParent(c.path);
+        std::optional<struct stat> st;
+        if (parent) {
+            st = statEntry(parent->fd.get(), parent->name.c_str(), c.path);
+        }
+        if (!st || S_ISLNK(st->st_mode)) {
+            continue;
+        }
+        std::string problem;
+        if (c.excludes.empty() && !c.preserveRoot) {
+            if (auto item = measureItem(c.path, *st, c.targetID, cancel, problem)) {
+                plan.plannedFreeableBytes =
+                    saturatingAdd(plan.plannedFreeableBytes, item->freeableBytes);
+                plan.paths.push_back(std::move(*item));
+            } else if (!problem.empty()) {
+                plan.errors.push_back({c.path, problem});
+            }
+            continue;
+        }
+        if (!S_ISDIR(st->st_mode)) {
+            continue;
+        }
+
+        // Split: every entry that is not excluded and holds no exclusion moves on its own.
+        const size_t cap = c.preserveRoot ? 2000 : 500;
+        struct Level {
+            UniqueFd fd;
+            std::string relative;
+            std::vector<std::string> names;
+            size_t next = 0;
+        };
+        std::vector<std::pair<std::string, struct stat>> pieces;
+        std::vector<Level> stack;
+        try {
+            UniqueFd rootFd = openListing(parent->fd.get(), parent->name.c_str());
+            struct stat opened {};
+            if (!rootFd || ::fstat(rootFd.get(), &opened) != 0 || opened.st_ino != st->st_ino) {
+                throw CleanerError::safety(
+                    "Kept in place: it contains protected or unreadable entries");
+            }
+            stack.push_back({std::move(rootFd), "", {}, 0});
+            stack.back().names = listDirectory(stack.back().fd.get(), c.path, cancel);
+            while (!stack.empty() && problem.empty()) {
+                Level& level = stack.back();
+                if (level.next >= level.names.size()) {
+                    stack.pop_back();
+                    continue;
+                }
+                cancel.check();
+                const std::string& name = level.names[level.next++];
+                std::string relative = level.relative.empty() ? name : level.relative + "/" + name;
+                std::string full = c.path + "/" + relative;
+                std::optional<struct stat> entry = statEntry(level.fd.get(), name.c_str(), full);
+                if (!entry || isExcluded(c.excludes, relative)) {
+                    continue;
+                }
+                if (entry->st_dev != st->st_dev) {
+                    problem = "Kept in place: it is on another volume";
+                } else if (isProtected(full)) {
+                    problem = "Kept in place: it contains protected or unreadable entries";
+                } else if (S_ISDIR(entry->st_mode) && mayContainExclusion(c.excludes, relative)) {
+                    UniqueFd child = openListing(level.fd.get(), name.c_str());
+                    struct stat childStat {};
+                    if (!child || ::fstat(child.get(), &childStat) != 0 ||
+                        childStat.st_ino != entry->st_ino) {
+                        problem = "Kept in place: it contains protected or unreadable entries";
+                        continue;
+                    }
+                    Level next{std::move(child), relative, {}, 0};
+                    next.names = listDirectory(next.fd.get(), full, cancel);
+                    stack.push_back(std::move(next)); // `level` may dangle from here on
+                } else {
+                    pieces.emplace_back(full, *entry);
+                    if (pieces.size() > cap) {
+                        problem = "Kept in place: it would split into more than " +
+                                  std::to_string(cap) + " separate Trash items";
+                    }
+                }
+            }
+        } catch (const CleanerError& error) {
+            if (error.kind() == CleanerError::Kind::operationCancelled) {
+                throw;
+            }
+            problem = "Kept in place: it contains protected or unreadable entries";
+        }
+        if (!problem.empty()) {
+            plan.errors.push_back({c.path, problem});
+            continue;
+        }
+        std::vector<CleanPath> items;
+        for (const auto& [piece, pieceStat] : pieces) {
+            std::string pieceProblem;
+            if (auto item = measureItem(piece, pieceStat, c.targetID, cancel, pieceProblem)) {
+                items.push_back(std::move(*item));
+            } else if (!pieceProblem.empty()) {
+                problem = pieceProblem;
+                break;
+            }
+        }
+        if (!problem.empty()) {
+            plan.errors.push_back({c.path, problem});
+            continue;
+        }
+        for (CleanPath& item : items) {
+            plan.plannedFreeableBytes =
+                saturatingAdd(plan.plannedFreeableBytes, item.freeableBytes);
+            plan.paths.push_back(std::move(item));
+        }
+    }
+    return plan;
+}
+
+CleanResult CleaningService::clean(const CleanPlan& plan, const JournalRecording& recording,
+                                   const Progress& progress) {
+    Operation operation(*this);
+    Cancellation cancel = operation.cancellation();
+    Clock::time_point start = Clock::now();
+    CleanResult result;
+    if (plan.paths.empty()) {
+        return result;
+    }
+    // Catalogued caches hold thumbnails and databases of their own; the catalog decided what they
+    // are, the vault still checks policy, identity and size right before the move.
+    VaultService vault = VaultService::standard(
+        policy_, [](const std::string&) { return true; }, DescendantRules::policyOnly);
+    std::vector<std::string> urls;
+    for (const CleanPath& path : plan.paths) {
+        urls.push_back(path.url);
+    }
+    VaultPlan vaultPlan = vault.planner(urls, {}, nullptr);
+    std::vector<size_t> ticked;
+    for (size_t i = 0; i < vaultPlan.items.size(); ++i) {
+        const VaultPlanItem& item = vaultPlan.items[i];
+        const CleanPath& planned = plan.paths[i];
+        if (item.denied) {
+            result.errors.push_back({planned.url, std::string(denyText(*item.denied))});
+        } else if (item.dev != planned.dev || item.ino != planned.ino) {
+            result.errors.push_back(
+                {planned.url, stayedNote(planned.url, VaultDenyReason::identityChanged)});
+        } else {
+            ticked.push_back(i);
+        }
+    }
+    MoveOutcome outcome = vault.move(
+        vaultPlan, ticked,
+        [&](const VaultMoveProgress& p) {
+            if (progress) {
+                progress({Phase::cleaning,
+                          p.total == 0
+                              ? 1.0
+                              : static_cast<double>(p.finished) / static_cast<double>(p.total),
+                          std::nullopt, "Moving to the Trash", p.movedBytes, p.moved});
+            }
+        },
+        cancel);
+    for (const std::string& note : outcome.notes) {
+        std::string path = note.substr(0, note.find(": "));
+        result.errors.push_back({path == note ? std::string() : path, note});
+    }
+    std::vector<TrashedItem> journaled;
+    for (const MovedItem& moved : outcome.moved) {
+        auto planned = std::find_if(plan.paths.begin(), plan.paths.end(), [&](const CleanPath& p) {
+            return p.url == moved.originalPath;
+        });
+        std::optional<std::string> targetID =
+            planned != plan.paths.end() ? planned->targetID : std::nullopt;
+        result.bytesRemoved = saturatingAdd(result.bytesRemoved, moved.bytes);
+        result.filesRemoved = saturatingAdd(result.filesRemoved, 1);
+        if (planned != plan.paths.end()) {
+            result.freeableBytes = saturatingAdd(result.freeableBytes, planned->freeableBytes);
+        }
+        result.moved.push_back(moved);
+        result.movedTargets.push_back(targetID);
+        std::string group = recording.groupOf   ? recording.groupOf(targetID)
+                            : recording.context ? recording.context->group
+                                                : targetID.value_or("caches");
+        journaled.push_back({moved.originalPath, moved.trashPath, moved.bytes, moved.identityToken,
+                             group, false, targetID});
+    }
+    if (recording.journal != nullptr && !journaled.empty()) {
+        try {
+            if (recording.context) {
+                // Each item keeps its own group; the context only names the entry.
+                std::map<std::string, std::vector<TrashedItem>> byGroup;
+                for (TrashedItem& item : journaled) {
+                    byGroup[item.group].push_back(item);
+                }
+                for (auto& [group, items] : byGroup) {
+                    result.journalEntryID = recording.journal->record(
+                        items, recording.title, recording.kind,
+                        JournalContext{recording.context->entryID, group});
+                }
+            } else {
+                result.journalEntryID =
+                    recording.journal->record(journaled, recording.title, recording.kind);
+            }
+        } catch (const CleanerError& error) {
+            result.errors.push_back(
+                {"", std::string("The move was not written to Activity: ") + error.what()});
+        }
+    }
+    result.durationMs = millisecondsSince(start);
+    return result;
+}
+
+} // namespace sd
