@@ -15,10 +15,10 @@ build/debug/CMakeCache.txt: | deps
 build/asan/CMakeCache.txt: | deps
 	@cmake --preset asan >/dev/null
 
-# Measures your home folder; reads only, changes nothing.
+# Sweeps your home folder: measures what comes back by itself; reads only, changes nothing.
 run: deps build/release/CMakeCache.txt
 	@cmake --build --preset release -j $(JOBS) --target sparrowdeck
-	@build/release/src/sparrowdeck measure "$$HOME"
+	@build/release/src/sparrowdeck sweep
 
 test: deps build/debug/CMakeCache.txt
 	@cmake --build --preset debug -j $(JOBS)

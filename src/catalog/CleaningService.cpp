@@ -89,6 +89,27 @@ std::optional<CleanPath> measureItem(const std::string& path, const struct stat&
                      targetID};
 }
 
+// When the (possibly patterned) `location` lies at or below `base`, what remains of it below
+// `base`: "" for the base itself. Each leading component of the location is matched against the
+// base's component as a pattern.
+std::optional<std::string> globRemainder(const std::string& location, const std::string& base) {
+    std::vector<std::string_view> wanted = splitComponents(location);
+    std::vector<std::string_view> here = splitComponents(base);
+    if (wanted.size() < here.size()) {
+        return std::nullopt;
+    }
+    for (size_t i = 0; i < here.size(); ++i) {
+        if (!globMatches(std::string(wanted[i]), std::string(here[i]))) {
+            return std::nullopt;
+        }
+    }
+    std::string rest;
+    for (size_t i = here.size(); i < wanted.size(); ++i) {
+        rest += (rest.empty() ? "" : "/") + std::string(wanted[i]);
+    }
+    return rest;
+}
+
 } // namespace
 
 class CleaningService::Operation {
@@ -126,9 +147,16 @@ std::string expandTemplate(std::string_view pathTemplate) {
 }
 
 std::string resolveDisabledPath(const PathSpec& path) {
-    std::string base = expandTemplate(path.pathTemplate);
+    // The result is matched as a pattern, so the literal part has its pattern characters escaped.
+    std::string base;
+    for (char ch : normalizePath(expandTemplate(path.pathTemplate))) {
+        if (ch == '*' || ch == '?' || ch == '[' || ch == '\\') {
+            base.push_back('\\');
+        }
+        base.push_back(ch);
+    }
     if (!path.pattern) {
-        return normalizePath(base);
+        return base;
     }
     const std::string& pattern = *path.pattern;
     std::vector<std::string_view> parts = splitComponents(pattern);
@@ -283,11 +311,9 @@ CleaningService::buildCandidates(const std::vector<Target>& targets,
                 }
                 continue;
             }
-            if (isInside(*d.location, c.path)) {
+            if (std::optional<std::string> below = globRemainder(*d.location, c.path)) {
                 // An exclusion equal to the location keeps all of it; the planner skips it.
-                c.excludes.push_back(d.location->size() == c.path.size()
-                                         ? std::string()
-                                         : d.location->substr(c.path.size() + 1));
+                c.excludes.push_back(*below);
                 continue;
             }
             // The location lies inside something switched off (patterns may name it).

@@ -101,7 +101,8 @@ struct JournalRecording {
 // The catalog's path template expanded: "~" is the home, "~/x" lies in it.
 std::string expandTemplate(std::string_view pathTemplate);
 
-// A path switched off inside an enabled target, as an absolute exclusion. Throws InvalidPath
+// A path switched off inside an enabled target, as an absolute pattern (its literal part escaped).
+// Throws InvalidPath
 // "Invalid disabled relative pattern" for a pattern that is absolute, empty or climbs.
 std::string resolveDisabledPath(const PathSpec& path);
 
