@@ -48,16 +48,6 @@ std::string parentOf(const std::string& path) {
     return slash == 0 || slash == std::string::npos ? std::string("/") : path.substr(0, slash);
 }
 
-bool confirm(const std::string& question) {
-    std::fprintf(stderr, "%s [y/N] ", question.c_str());
-    std::fflush(stderr);
-    std::string answer;
-    if (!std::getline(std::cin, answer)) {
-        return false;
-    }
-    return answer == "y" || answer == "Y" || answer == "yes";
-}
-
 std::vector<std::string> loadJournal(ReclaimJournal& journal) {
     std::vector<std::string> warnings;
     try {
@@ -234,27 +224,6 @@ void runTrash(const TrashOptions& options, int& exitStatus) {
     }
 }
 
-json entryJson(const JournalEntry& entry) {
-    json items = json::array();
-    for (const TrashedItem& item : entry.items) {
-        json j{{"originalPath", item.originalPath},
-               {"trashPath", item.trashPath},
-               {"bytes", item.bytes},
-               {"identityToken", item.identityToken},
-               {"group", item.group},
-               {"restored", item.restored}};
-        if (item.targetID) {
-            j["targetID"] = *item.targetID;
-        }
-        items.push_back(j);
-    }
-    return {{"id", entry.id},
-            {"date", entry.date},
-            {"title", entry.title},
-            {"kind", journalKindName(entry.kind)},
-            {"items", items}};
-}
-
 } // namespace
 
 void addTrashCommand(CLI::App& app, int& exitStatus) {
@@ -288,7 +257,7 @@ void addActivityCommand(CLI::App& app, int& exitStatus) {
         if (*asJson) {
             json out = json::array();
             for (const JournalEntry* entry : newestFirst) {
-                out.push_back(entryJson(*entry));
+                out.push_back(journalEntryToJson(*entry));
             }
             std::cout << dump(json{{"entries", out}}) << "\n";
             return;

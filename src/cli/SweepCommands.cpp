@@ -29,13 +29,6 @@ std::shared_ptr<const VaultPolicy> standardPolicy() {
     return std::make_shared<const VaultPolicy>(homeDirectory());
 }
 
-bool confirm(const std::string& question) {
-    std::fprintf(stderr, "%s [y/N] ", question.c_str());
-    std::fflush(stderr);
-    std::string answer;
-    return std::getline(std::cin, answer) && (answer == "y" || answer == "Y" || answer == "yes");
-}
-
 std::string formatDuration(double seconds) {
     char text[32];
     if (seconds < 60) {

@@ -4,6 +4,7 @@
 #include <csignal>
 #include <cstdio>
 #include <exception>
+#include <iostream>
 #include <mutex>
 #include <unistd.h>
 
@@ -17,6 +18,13 @@ extern "C" void onInterrupt(int) {
 }
 
 } // namespace
+
+bool confirm(const std::string& question) {
+    std::fprintf(stderr, "%s [y/N] ", question.c_str());
+    std::fflush(stderr);
+    std::string answer;
+    return std::getline(std::cin, answer) && (answer == "y" || answer == "Y" || answer == "yes");
+}
 
 bool progressVisible() {
     return ::isatty(STDERR_FILENO) == 1;

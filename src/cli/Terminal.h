@@ -10,6 +10,9 @@
 
 namespace sd::cli {
 
+// Asks a yes/no question on the terminal; anything but "y" or "yes" is no.
+bool confirm(const std::string& question);
+
 // True when standard error is a terminal, so live progress may be drawn there.
 bool progressVisible();
 

@@ -2,6 +2,7 @@
 
 #include "core/ByteFormat.h"
 #include "core/CleanerError.h"
+#include "core/FileIo.h"
 #include "core/UniqueFd.h"
 #include "platform/Dirs.h"
 #include "platform/Trash.h"
@@ -14,7 +15,6 @@
 #include <fcntl.h>
 #include <nlohmann/json.hpp>
 #include <random>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -26,7 +26,7 @@ using nlohmann::json;
 constexpr std::array<std::string_view, 5> kindNames{"sweep", "findings", "caches", "uninstall",
                                                     "leftovers"};
 
-json toJson(const JournalEntry& entry) {
+json entryJson(const JournalEntry& entry) {
     json items = json::array();
     for (const TrashedItem& item : entry.items) {
         json j{{"originalPath", item.originalPath},
@@ -144,53 +144,12 @@ std::vector<JournalEntry> merge(std::vector<JournalEntry> disk,
     return disk;
 }
 
-std::string readAll(int fd) {
-    std::string text;
-    char buffer[65536];
-    for (;;) {
-        ssize_t n = ::read(fd, buffer, sizeof buffer);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            return text;
-        }
-        text.append(buffer, static_cast<size_t>(n));
-    }
-}
-
-bool writeAll(int fd, const std::string& text) {
-    size_t done = 0;
-    while (done < text.size()) {
-        ssize_t n = ::write(fd, text.data() + done, text.size() - done);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            return false;
-        }
-        done += static_cast<size_t>(n);
-    }
-    return true;
-}
-
 std::string directoryOf(const std::string& path) {
     return path.substr(0, path.rfind('/'));
 }
 
 std::string fileNameOf(const std::string& path) {
     return path.substr(path.rfind('/') + 1);
-}
-
-void makeDirectories(const std::string& path) {
-    for (size_t at = 1; at <= path.size(); ++at) {
-        if (at == path.size() || path[at] == '/') {
-            std::string prefix = path.substr(0, at);
-            if (::mkdir(prefix.c_str(), 0700) != 0 && errno != EEXIST) {
-                throw makeCoreError(operation::opening, prefix, errno);
-            }
-        }
-    }
 }
 
 std::string timestampForName() {
@@ -201,29 +160,6 @@ std::string timestampForName() {
     std::strftime(text, sizeof text, "%Y%m%d-%H%M%S", &utc);
     return text;
 }
-
-// Holds the journal's advisory lock for one read-merge-write.
-class JournalLock {
-public:
-    explicit JournalLock(const std::string& journalFile) {
-        std::string lockPath = journalFile + ".lock";
-        fd_.reset(::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
-        if (!fd_) {
-            throw makeCoreError(operation::opening, lockPath, errno);
-        }
-        while (::flock(fd_.get(), LOCK_EX) != 0) {
-            if (errno != EINTR) {
-                throw makeCoreError(operation::opening, lockPath, errno);
-            }
-        }
-    }
-    ~JournalLock() { ::flock(fd_.get(), LOCK_UN); }
-    JournalLock(const JournalLock&) = delete;
-    JournalLock& operator=(const JournalLock&) = delete;
-
-private:
-    UniqueFd fd_;
-};
 
 // Reads the file under the lock. An undecodable file is renamed aside, never overwritten.
 std::vector<JournalEntry> readDisk(const std::string& file, std::vector<std::string>& warnings) {
@@ -256,36 +192,16 @@ void writeDisk(const std::string& file, const std::vector<JournalEntry>& entries
     json out = json::array();
     for (const JournalEntry& entry : entries) {
         if (!entry.items.empty()) {
-            out.push_back(toJson(entry));
+            out.push_back(entryJson(entry));
         }
     }
-    std::string text = out.dump(2);
-    std::random_device random;
-    std::string temporary =
-        file + ".tmp-" + std::to_string(::getpid()) + "-" + std::to_string(random());
-    UniqueFd fd(
-        ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600));
-    if (!fd) {
-        throw makeCoreError(operation::opening, temporary, errno);
-    }
-    if (!writeAll(fd.get(), text) || ::fsync(fd.get()) != 0) {
-        int error = errno;
-        ::unlink(temporary.c_str());
-        throw makeCoreError(operation::opening, temporary, error == 0 ? EIO : error);
-    }
-    fd.reset();
-    if (::rename(temporary.c_str(), file.c_str()) != 0) {
-        int error = errno;
-        ::unlink(temporary.c_str());
-        throw makeCoreError(operation::opening, file, error);
-    }
-    UniqueFd dir(::open(directoryOf(file).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (dir) {
-        ::fsync(dir.get());
-    }
+    replaceFileAtomically(file, out.dump(2));
 }
-
 } // namespace
+
+json journalEntryToJson(const JournalEntry& entry) {
+    return entryJson(entry);
+}
 
 std::string_view journalKindName(JournalKind kind) {
     return kindNames[static_cast<size_t>(kind)];
@@ -342,8 +258,8 @@ std::vector<std::string> ReclaimJournal::load() {
     if (!file_) {
         return {};
     }
-    makeDirectories(directoryOf(*file_));
-    JournalLock lock(*file_);
+    makeDirectories(directoryOf(*file_), 0700);
+    FileLock lock(*file_);
     entries_ = readDisk(*file_, warnings_);
     return warnings_;
 }
@@ -353,8 +269,8 @@ template <typename Change> void ReclaimJournal::update(Change&& change) {
         change(entries_);
         return;
     }
-    makeDirectories(directoryOf(*file_));
-    JournalLock lock(*file_);
+    makeDirectories(directoryOf(*file_), 0700);
+    FileLock lock(*file_);
     std::vector<JournalEntry> merged = merge(readDisk(*file_, warnings_), entries_);
     change(merged);
     writeDisk(*file_, merged);

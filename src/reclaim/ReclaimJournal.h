@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <map>
+#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <set>
 #include <string>
@@ -98,6 +99,9 @@ std::string putBackProgressText(std::uint64_t count);
 std::string putBackResultText(const TrashRestoreResult& result);
 std::string putBackSkippedText(std::uint64_t count);
 inline constexpr std::string_view putBackConfirmationText = "Each goes back exactly where it was.";
+
+// The entry as the journal file writes it.
+nlohmann::json journalEntryToJson(const JournalEntry& entry);
 
 std::string newUuid();
 std::string isoTimestampNow();

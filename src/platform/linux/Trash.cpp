@@ -5,6 +5,7 @@
 
 #include "core/CleanerError.h"
 #include "core/CoreFileSystem.h"
+#include "core/FileIo.h"
 #include "core/PathRules.h"
 #include "core/PercentEncoding.h"
 #include "core/Saturating.h"
@@ -215,39 +216,9 @@ private:
     bool kept_ = false;
 };
 
-bool writeAll(int fd, const std::string& text) {
-    size_t done = 0;
-    while (done < text.size()) {
-        ssize_t n = ::write(fd, text.data() + done, text.size() - done);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            return false;
-        }
-        done += static_cast<size_t>(n);
-    }
-    return true;
-}
-
 std::string readSmallFile(int dirFd, const char* name) {
     UniqueFd fd(::openat(dirFd, name, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
-    if (!fd) {
-        return {};
-    }
-    std::string text;
-    char buffer[8192];
-    for (;;) {
-        ssize_t n = ::read(fd.get(), buffer, sizeof buffer);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0 || text.size() > (1U << 24)) {
-            break;
-        }
-        text.append(buffer, static_cast<size_t>(n));
-    }
-    return text;
+    return fd ? readAll(fd.get(), size_t(1) << 24) : std::string();
 }
 
 // Rewrites the folder-size cache with `change` applied to its lines, replacing it atomically.
