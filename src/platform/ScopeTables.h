@@ -22,4 +22,7 @@ std::span<const std::string_view> gitCandidates();
 // The action offered beside a row the program will not move: the person looks and decides.
 std::string_view revealActionText();
 
+// How sentences name the machine they run on ("this Mac").
+std::string_view thisMachineText();
+
 } // namespace sd::platform

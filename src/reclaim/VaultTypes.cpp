@@ -1,15 +1,21 @@
 #include "reclaim/VaultTypes.h"
 
+#include "platform/ScopeTables.h"
+
 #include <array>
+#include <string>
 
 namespace sd {
 
 std::string_view denyText(VaultDenyReason reason, DenyTextForm form) {
+    // Names the machine in the platform's own word.
+    static const std::string inTheCloud =
+        "Some files live in the cloud, not on " + std::string(platform::thisMachineText()) + ".";
     switch (reason) {
     case VaultDenyReason::datalessFile:
     case VaultDenyReason::datalessStateChanged:
     case VaultDenyReason::cloudStorage:
-        return "Some files live in the cloud, not on this Mac.";
+        return inTheCloud;
     case VaultDenyReason::gitWorkingTree:
         return form == DenyTextForm::compact
                    ? "Git tracks it: by hand only."

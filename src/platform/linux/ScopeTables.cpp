@@ -39,6 +39,9 @@ std::span<const std::string_view> systemRoots() {
 std::span<const std::string_view> gitCandidates() {
     return gitRows;
 }
+std::string_view thisMachineText() {
+    return "this computer";
+}
 std::string_view revealActionText() {
     return "Show in Files";
 }

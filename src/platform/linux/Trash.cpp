@@ -10,6 +10,7 @@
 #include "core/PercentEncoding.h"
 #include "core/Saturating.h"
 #include "core/UniqueFd.h"
+#include "platform/DirectoryReader.h"
 #include "platform/Dirs.h"
 #include "platform/FileSystemExtras.h"
 #include "platform/OpenFlags.h"
@@ -448,12 +449,20 @@ bool trashCanTake(const std::string& path, const struct stat& st) {
     }
     std::string uid = uidText();
     struct stat existing {};
-    if (::fstatat(topFd.get(), (".Trash-" + uid).c_str(), &existing, AT_SYMLINK_NOFOLLOW) == 0) {
-        return S_ISDIR(existing.st_mode) && existing.st_uid == ::getuid();
-    }
+    // The same order as the move: a sticky shared ".Trash" first, then our own ".Trash-$uid".
     if (::fstatat(topFd.get(), ".Trash", &existing, AT_SYMLINK_NOFOLLOW) == 0 &&
         S_ISDIR(existing.st_mode) && (existing.st_mode & S_ISVTX) != 0) {
-        return true;
+        struct stat mine {};
+        std::string inShared = ".Trash/" + uid;
+        if (::fstatat(topFd.get(), inShared.c_str(), &mine, AT_SYMLINK_NOFOLLOW) != 0
+                ? errno == ENOENT &&
+                      ::faccessat(topFd.get(), ".Trash", W_OK | X_OK, AT_EACCESS) == 0
+                : S_ISDIR(mine.st_mode) && mine.st_uid == ::getuid()) {
+            return true;
+        }
+    }
+    if (::fstatat(topFd.get(), (".Trash-" + uid).c_str(), &existing, AT_SYMLINK_NOFOLLOW) == 0) {
+        return S_ISDIR(existing.st_mode) && existing.st_uid == ::getuid();
     }
     return ::faccessat(topFd.get(), ".", W_OK | X_OK, AT_EACCESS) == 0;
 }
@@ -492,21 +501,25 @@ std::vector<TrashedEntry> listTrash() {
         if (!infoFd || !filesFd) {
             continue;
         }
+        // Read raw: another tool may have trashed a name that is not UTF-8, and that must not
+        // hide every other item of this Trash.
         std::vector<std::string> names;
-        try {
-            names = listDirectory(infoFd.get(), root.path + "/info");
-        } catch (const CleanerError&) {
+        if (!readDirectoryNames(infoFd.get(), names).operation.empty()) {
             continue;
         }
+        std::sort(names.begin(), names.end());
         std::istringstream sizes(readSmallFile(rootFd.get(), "directorysizes"));
-        std::vector<std::pair<std::string, std::uint64_t>> folderSizes;
+        struct CachedSize {
+            std::string encoded;
+            std::uint64_t bytes = 0;
+            long long infoTime = 0;
+        };
+        std::vector<CachedSize> folderSizes;
         for (std::string line; std::getline(sizes, line);) {
             std::istringstream fields(line);
-            std::uint64_t size = 0;
-            long long mtime = 0;
-            std::string encoded;
-            if (fields >> size >> mtime >> encoded) {
-                folderSizes.emplace_back(encoded, size);
+            CachedSize row;
+            if (fields >> row.bytes >> row.infoTime >> row.encoded) {
+                folderSizes.push_back(std::move(row));
             }
         }
         for (const std::string& infoName : names) {
@@ -533,11 +546,20 @@ std::vector<TrashedEntry> listTrash() {
             entry.isDirectory = S_ISDIR(st.st_mode);
             entry.bytes = S_ISREG(st.st_mode) ? allocatedBytesOf(st) : 0;
             if (entry.isDirectory) {
+                // A line is only as good as the record it was written with: a tool that put the
+                // folder back may have left it, and a later folder of the same name has a newer
+                // record.
                 std::string encoded = percentEncodePath(itemName);
+                struct stat infoStat {};
+                bool haveInfoTime =
+                    ::fstatat(infoFd.get(), infoName.c_str(), &infoStat, AT_SYMLINK_NOFOLLOW) == 0;
                 auto cached = std::find_if(folderSizes.begin(), folderSizes.end(),
-                                           [&](const auto& row) { return row.first == encoded; });
+                                           [&](const CachedSize& row) {
+                                               return haveInfoTime && row.encoded == encoded &&
+                                                      row.infoTime == infoStat.st_mtime;
+                                           });
                 if (cached != folderSizes.end()) {
-                    entry.bytes = cached->second;
+                    entry.bytes = cached->bytes;
                 } else {
                     std::vector<std::string> warnings;
                     FootprintTally tally;

@@ -23,6 +23,9 @@ std::span<const std::string_view> systemRoots() {
 std::span<const std::string_view> gitCandidates() {
     return gitRows;
 }
+std::string_view thisMachineText() {
+    return "this Mac";
+}
 std::string_view revealActionText() {
     return "Reveal in Finder";
 }
