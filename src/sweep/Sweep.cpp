@@ -463,7 +463,8 @@ void Sweep::saveRecord(platform::UserDefaults& store, const std::optional<SweepR
 }
 
 SweepReclaimResult Sweep::reclaim(const std::set<SweepTileKind>& kinds, ReclaimJournal& journal,
-                                  const CleaningService::Progress& progress) {
+                                  const CleaningService::Progress& progress,
+                                  const Cancellation& cancel) {
     SweepReclaimResult result;
     if (exclusionsFingerprint() != measuredExclusions_) {
         result.refused = true;
@@ -486,6 +487,17 @@ SweepReclaimResult Sweep::reclaim(const std::set<SweepTileKind>& kinds, ReclaimJ
         return result;
     }
     CleaningService service(policy_);
+    // Stop reaches the service through its own flag, as during measuring. The service's operation
+    // may begin after Stop was pressed, so the flag is passed on until the reclaim ends.
+    std::jthread watcher([&](std::stop_token done) {
+        while (!done.stop_requested()) {
+            if (cancel.requested()) {
+                service.cancel();
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+    });
+    cancel.check();
     std::vector<CleanError> errors;
     std::vector<CacheCleaningCandidate> candidates =
         service.buildCandidates(targets, prefs.clean, errors);
@@ -501,6 +513,7 @@ SweepReclaimResult Sweep::reclaim(const std::set<SweepTileKind>& kinds, ReclaimJ
         return found == kindOfTarget.end() ? std::string("sweep")
                                            : std::string(tileKindName(found->second));
     };
+    cancel.check();
     CleanResult cleaned = service.clean(plan, recording, progress);
     for (size_t i = 0; i < cleaned.moved.size(); ++i) {
         const std::optional<std::string>& targetID = cleaned.movedTargets[i];

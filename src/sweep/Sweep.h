@@ -121,9 +121,11 @@ public:
     void bringBack(const std::string& targetID);
 
     // Moves the ticked tiles' items through the vault, unless what is left out changed since the
-    // Sweep measured, and writes one Activity entry of kind sweep.
+    // Sweep measured, and writes one Activity entry of kind sweep. Stop ends planning with
+    // "Operation cancelled" and leaves the items not yet reached in place.
     SweepReclaimResult reclaim(const std::set<SweepTileKind>& kinds, ReclaimJournal& journal,
-                               const CleaningService::Progress& progress = {});
+                               const CleaningService::Progress& progress = {},
+                               const Cancellation& cancel = {});
 
     // The record of the last finished Sweep, if one was kept.
     static std::optional<SweepRecord> lastRecord(platform::UserDefaults& store);
