@@ -1,4 +1,4 @@
-# The two set-up commands: `make run` and `make test`. Both install what is missing first.
+# The set-up commands: `make run`, `make app` and `make test`. Each installs what is missing first.
 JOBS ?= $(shell nproc 2>/dev/null || sysctl -n hw.ncpu 2>/dev/null || echo 2)
 
 .PHONY: deps run test test-asan bench app format clean
@@ -19,6 +19,11 @@ build/asan/CMakeCache.txt: | deps
 run: deps build/release/CMakeCache.txt
 	@cmake --build --preset release -j $(JOBS) --target sparrowdeck
 	@build/release/src/sparrowdeck sweep
+
+# Builds the desktop app (Qt 6) and opens it on your home folder. Nothing moves until you choose.
+app: deps build/release/CMakeCache.txt
+	@cmake --build --preset release -j $(JOBS) --target sparrowdeck-app
+	@build/release/src/app/sparrowdeck-app
 
 test: deps build/debug/CMakeCache.txt
 	@cmake --build --preset debug -j $(JOBS)
