@@ -1,0 +1,238 @@
+#include "AppTestMain.h"
+#include "Fixture.h"
+#include "app/MainWindow.h"
+#include "app/Widgets.h"
+
+#include <QApplication>
+#include <QDir>
+#include <QMessageBox>
+#include <QTest>
+#include <QTimer>
+#include <filesystem>
+
+namespace sd::app {
+namespace {
+
+// Drives the real window the way a person would: clicks, confirmations, waiting for workers.
+class AppEndToEndTest : public QObject {
+    Q_OBJECT
+
+private:
+    std::unique_ptr<MainWindow> window_;
+    QString shots_ = QStringLiteral(SPARROWDECK_SCREENSHOT_DIR);
+    QStringList dialogTexts_;
+
+    void shoot(const QString& name) {
+        QApplication::processEvents();
+        QVERIFY(window_->grab().save(shots_ + "/" + name + ".png"));
+    }
+
+    // Accepts the next confirmation that opens, after saving a picture of it.
+    void acceptNextDialog(const QString& shotName = {}) {
+        auto* poll = new QTimer(this);
+        poll->setInterval(20);
+        connect(poll, &QTimer::timeout, this, [this, poll, shotName] {
+            auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
+            if (box == nullptr) {
+                return;
+            }
+            poll->stop();
+            poll->deleteLater();
+            dialogTexts_ << box->text() + "\n" + box->informativeText();
+            if (!shotName.isEmpty()) {
+                box->grab().save(shots_ + "/" + shotName + ".png");
+            }
+            for (QAbstractButton* button : box->buttons()) {
+                if (box->buttonRole(button) == QMessageBox::AcceptRole) {
+                    button->click();
+                }
+            }
+        });
+        poll->start();
+    }
+
+    static void clickTile(TileView* view, int row) {
+        QRect rect = view->visualRect(view->model()->index(row, 0));
+        QTest::mouseClick(view->viewport(), Qt::LeftButton, {}, rect.center());
+    }
+
+    std::vector<std::string> cacheFolders(const std::set<std::string>& targets) const {
+        std::vector<std::string> out;
+        for (const test::FixtureCache& c : test::fixtureCaches()) {
+            if (targets.count(c.targetID) != 0) {
+                out.push_back(test::fixtureHome() + "/" + c.folder);
+            }
+        }
+        return out;
+    }
+
+private slots:
+    void initTestCase() {
+        QDir().mkpath(shots_);
+        test::writeFixtureCaches(test::fixtureHome());
+        // Something the person put in the Trash themselves, and files of their own.
+        test::runShell("cd " + test::shellQuote(test::fixtureHome()) +
+                       " && mkdir -p Documents && head -c 700000 /dev/urandom > old-draft.bin"
+                       " && echo 'quarterly figures' > Documents/report.txt");
+        if (test::haveTool("trash-put")) {
+            test::runShell(
+                "XDG_DATA_HOME=" + test::shellQuote(test::fixtureHome() + "/.local/share") +
+                " trash-put " + test::shellQuote(test::fixtureHome() + "/old-draft.bin"));
+        }
+        applyStyle(*qApp);
+        window_ = std::make_unique<MainWindow>();
+        window_->resize(1240, 820);
+        window_->show();
+        QVERIFY(QTest::qWaitForWindowExposed(window_.get()));
+    }
+
+    void firstStartShowsTheIntroduction() {
+        QVERIFY(window_->introductionShown());
+        shoot("01-onboarding");
+        QTest::mouseClick(window_->onboardingPage()->startButton(), Qt::LeftButton);
+        QVERIFY(!window_->introductionShown());
+        // Once seen, it stays away on the next start.
+        MainWindow again;
+        QVERIFY(!again.introductionShown());
+    }
+
+    void sweepReclaimAndPutBack() {
+        SweepPage* page = window_->sweepPage();
+        window_->showScreen(MainWindow::Screen::sweep);
+        shoot("02-sweep-before");
+
+        std::vector<std::string> developer =
+            cacheFolders({"python_tools", "javascript_tools", "rust_go"});
+        std::vector<std::string> untouched =
+            cacheFolders({"browser_caches", "ide_caches", "ml_framework_caches"});
+        std::string developerSums = test::checksums(developer);
+        std::string untouchedSums = test::checksums(untouched);
+        QVERIFY(!developerSums.empty());
+
+        QTest::mouseClick(page->sweepButton(), Qt::LeftButton);
+        QVERIFY(page->runner().isRunning());
+        QTRY_VERIFY_WITH_TIMEOUT(!page->runner().isRunning(), 60000);
+        QVERIFY2(page->state().sweep != nullptr, qPrintable(page->banner()->text()));
+
+        // The developer tile holds exactly the fixture's developer caches, as find counts them.
+        const SweepTile* tile = page->state().sweep->tile(SweepTileKind::developer);
+        QVERIFY(tile != nullptr);
+        std::uint64_t peer = 0;
+        for (const std::string& folder : developer) {
+            peer += test::peerAllocatedBytes(folder);
+        }
+        QCOMPARE(tile->bytes, peer);
+        QVERIFY(page->state().sweep->tile(SweepTileKind::trash)->bytes > 0);
+        shoot("03-sweep-results");
+
+        // Every tile that comes back starts ticked; leave only the developer tile ticked.
+        for (SweepTileKind kind : {SweepTileKind::appCaches, SweepTileKind::redownloads}) {
+            QVERIFY(page->state().selection.count(kind) != 0);
+            clickTile(page->tileView(), static_cast<int>(kind));
+            QVERIFY(page->state().selection.count(kind) == 0);
+        }
+        // The Trash tile is never ticked, whatever is clicked.
+        clickTile(page->tileView(), static_cast<int>(SweepTileKind::trash));
+        QCOMPARE(page->state().selection, std::set<SweepTileKind>{SweepTileKind::developer});
+        shoot("04-sweep-ticked");
+
+        acceptNextDialog(QStringLiteral("05-sweep-confirm"));
+        QTest::mouseClick(page->reclaimButton(), Qt::LeftButton);
+        QVERIFY(
+            dialogTexts_.last().contains(QString::fromStdString(std::string(sweepRecheckText))));
+        QTRY_VERIFY_WITH_TIMEOUT(!page->runner().isRunning(), 60000);
+        QVERIFY2(page->banner()->text().startsWith("Moved"), qPrintable(page->banner()->text()));
+        shoot("06-sweep-reclaimed");
+
+        // The developer caches are in the Trash, byte for byte, and nothing else moved.
+        for (const std::string& folder : developer) {
+            QVERIFY2(!std::filesystem::exists(folder), folder.c_str());
+        }
+        QCOMPARE(test::checksums(untouched), untouchedSums);
+        std::string trashFiles = test::fixtureHome() + "/.local/share/Trash/files";
+        std::string inTrash = test::runShell("cd " + test::shellQuote(trashFiles) +
+                                             " && find . -type f -exec sha256sum {} + | "
+                                             "awk '{print $1}' | sort")
+                                  .output;
+        std::string expected = test::runShell("printf '%s' " + test::shellQuote(developerSums) +
+                                              " | awk '{print $1}' | sort")
+                                   .output;
+        for (const QString& sum :
+             QString::fromStdString(expected).split('\n', Qt::SkipEmptyParts)) {
+            QVERIFY2(QString::fromStdString(inTrash).contains(sum), qPrintable(sum));
+        }
+        if (test::haveTool("trash-list")) {
+            std::string listed =
+                test::runShell(
+                    "XDG_DATA_HOME=" + test::shellQuote(test::fixtureHome() + "/.local/share") +
+                    " trash-list 2>/dev/null")
+                    .output;
+            for (const std::string& folder : developer) {
+                QVERIFY2(listed.find(folder) != std::string::npos, listed.c_str());
+            }
+        }
+
+        // Activity lists the Sweep first, with every item in the Trash.
+        window_->showScreen(MainWindow::Screen::activity);
+        ActivityPage* activity = window_->activityPage();
+        QModelIndex newest = activity->model().index(0, 0);
+        QCOMPARE(activity->model().entryAt(newest)->kind, JournalKind::sweep);
+        activity->tree()->setCurrentIndex(activity->model().index(0, 0, newest));
+        shoot("07-activity");
+
+        window_->showScreen(MainWindow::Screen::sweep);
+        QVERIFY(page->putBackButton()->isVisible());
+        acceptNextDialog();
+        QTest::mouseClick(page->putBackButton(), Qt::LeftButton);
+        QVERIFY(dialogTexts_.last().contains(
+            QString::fromStdString(std::string(putBackConfirmationText))));
+        QTRY_VERIFY_WITH_TIMEOUT(page->banner()->text().startsWith("Put back"), 30000);
+        shoot("08-sweep-put-back");
+
+        // Everything is back where it was, unchanged, and gone from the Trash.
+        QCOMPARE(test::checksums(developer), developerSums);
+        inTrash =
+            test::runShell("find " + test::shellQuote(trashFiles) + " -type f | wc -l").output;
+        QCOMPARE(std::stoi(inTrash), 1); // only what the person trashed themselves
+        window_->showScreen(MainWindow::Screen::activity);
+        QCOMPARE(activity->model().index(0, ActivityModel::statusColumn).data().toString(),
+                 QStringLiteral("Everything put back"));
+    }
+
+    void cleanupMeasuresTheCatalog() {
+        window_->showScreen(MainWindow::Screen::cleanup);
+        CleanupPage* page = window_->cleanupPage();
+        shoot("09-cleanup-before");
+        QTest::mouseClick(page->measureButton(), Qt::LeftButton);
+        QTRY_VERIFY_WITH_TIMEOUT(!page->runner().isRunning(), 60000);
+        QCOMPARE(page->step(), CleanupPage::Step::scanned);
+        // With empty caches hidden, the fixture's targets are what is left to see.
+        std::set<std::string> shown;
+        for (int row = 0; row < page->filter().rowCount(); ++row) {
+            QModelIndex source = page->filter().mapToSource(page->filter().index(row, 0));
+            shown.insert(page->model().targetAt(source)->id);
+        }
+        std::set<std::string> expected;
+        for (const test::FixtureCache& c : test::fixtureCaches()) {
+            expected.insert(c.targetID);
+        }
+        QCOMPARE(shown, expected);
+        shoot("10-cleanup-measured");
+    }
+
+    void settingsAndActivityScreens() {
+        window_->showScreen(MainWindow::Screen::settings);
+        shoot("11-settings");
+        window_->showScreen(MainWindow::Screen::activity);
+        shoot("12-activity-after");
+    }
+
+    void cleanupTestCase() { window_.reset(); }
+};
+
+SD_REGISTER_APP_TEST(AppEndToEndTest);
+
+} // namespace
+} // namespace sd::app
+
+#include "AppEndToEndTest.moc"

@@ -1,0 +1,269 @@
+#include "app/Workers.h"
+
+#include "AppTestMain.h"
+#include "Fixture.h"
+#include "core/TestHooks.h"
+
+#include <QSignalSpy>
+#include <QTest>
+#include <condition_variable>
+#include <filesystem>
+#include <mutex>
+
+namespace sd::app {
+namespace {
+
+// A gate a worker waits at until the test opens it.
+class Gate {
+public:
+    void open() {
+        std::lock_guard guard(lock_);
+        open_ = true;
+        changed_.notify_all();
+    }
+    void wait() {
+        std::unique_lock guard(lock_);
+        changed_.wait(guard, [this] { return open_; });
+    }
+
+private:
+    std::mutex lock_;
+    std::condition_variable changed_;
+    bool open_ = false;
+};
+
+// Holds the walk at the first folder it opens below `marker` until the gate opens, and counts
+// the folders below it opened after that.
+class WalkPause {
+public:
+    explicit WalkPause(std::string marker) : marker_(std::move(marker)) {
+        testhooks::setBeforeOpenDirectory([this](const std::string& path) {
+            if (path.find(marker_) == std::string::npos) {
+                return;
+            }
+            if (!reached_.exchange(true)) {
+                gate_.wait();
+            } else if (released_) {
+                ++afterRelease_;
+            }
+        });
+    }
+    ~WalkPause() { testhooks::setBeforeOpenDirectory({}); }
+    bool reached() const { return reached_; }
+    void release() {
+        released_ = true;
+        gate_.open();
+    }
+    int afterRelease() const { return afterRelease_; }
+
+private:
+    std::string marker_;
+    Gate gate_;
+    std::atomic<bool> reached_{false};
+    std::atomic<bool> released_{false};
+    std::atomic<int> afterRelease_{0};
+};
+
+// A cache of `folders` folders with one small file each, where the catalog looks.
+void writeWideCache(const std::string& folder, int folders) {
+    test::makeDirs(folder);
+    test::runShell("cd " + test::shellQuote(folder) + " && for i in $(seq 1 " +
+                   std::to_string(folders) + "); do mkdir d$i && echo x > d$i/f; done");
+}
+
+std::vector<Target> catalogTargets(std::initializer_list<std::string_view> ids) {
+    std::vector<Target> out;
+    for (const Target& t : buildCatalog(DistributionMode::direct)) {
+        if (std::find(ids.begin(), ids.end(), t.id) != ids.end()) {
+            out.push_back(t);
+        }
+    }
+    return out;
+}
+
+class WorkersTest : public QObject {
+    Q_OBJECT
+
+private slots:
+    void aSupersededResultIsDropped() {
+        TaskRunner runner;
+        QSignalSpy running(&runner, &TaskRunner::runningChanged);
+        Gate first;
+        std::vector<int> delivered;
+        runner.start<int>(
+            [&](const Cancellation&) {
+                first.wait(); // ignores Stop: its result arrives late, after the second run's
+                return 1;
+            },
+            [&](int& r) { delivered.push_back(r); });
+        runner.start<int>([](const Cancellation&) { return 2; },
+                          [&](int& r) { delivered.push_back(r); });
+        QTRY_COMPARE(delivered, std::vector<int>{2});
+        QVERIFY(!runner.isRunning());
+        first.open();
+        QTRY_COMPARE(runner.liveThreads(), size_t{0});
+        QTest::qWait(50);
+        QCOMPARE(delivered, std::vector<int>{2});
+        // Running went on once and off once: the hand-over in between is invisible.
+        QCOMPARE(running.count(), 2);
+        QCOMPARE(running.at(0).at(0).toBool(), true);
+        QCOMPARE(running.at(1).at(0).toBool(), false);
+    }
+
+    void stopReachesWorkThatStartsLate() {
+        // Like a cleaning service whose operation only begins after Stop was pressed: the first
+        // Stop finds nothing to cancel, so it must be passed on again until the work ends.
+        TaskRunner runner;
+        runner.setTickInterval(10);
+        QSignalSpy failed(&runner, &TaskRunner::failed);
+        std::atomic<int> stops{0};
+        bool done = false;
+        runner.start<int>(
+            [&](const Cancellation&) {
+                while (stops.load() < 3) {
+                    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+                }
+                throw CleanerError::cancelled();
+                return 0;
+            },
+            [&](int&) { done = true; }, [&] { ++stops; });
+        runner.stop();
+        QTRY_COMPARE(failed.count(), 1);
+        QCOMPARE(failed.at(0).at(0).toString(), QStringLiteral("Operation cancelled"));
+        QCOMPARE(failed.at(0).at(1).toBool(), true);
+        QVERIFY(!done);
+        QVERIFY(!runner.isRunning());
+    }
+
+    void failuresAndTeardown() {
+        auto runner = std::make_unique<TaskRunner>();
+        QSignalSpy failed(runner.get(), &TaskRunner::failed);
+        runner->start<int>(
+            [](const Cancellation&) -> int { throw std::runtime_error("disk on fire"); },
+            [](int&) {});
+        QTRY_COMPARE(failed.count(), 1);
+        QCOMPARE(failed.at(0).at(0).toString(), QStringLiteral("disk on fire"));
+        QCOMPARE(failed.at(0).at(1).toBool(), false);
+
+        // Destroying the runner stops the work and waits for it; nothing is delivered later.
+        std::atomic<bool> sawStop{false};
+        bool delivered = false;
+        runner->start<int>(
+            [&](const Cancellation& cancel) {
+                while (!cancel.requested()) {
+                    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+                }
+                sawStop = true;
+                return 3;
+            },
+            [&](int&) { delivered = true; });
+        runner.reset();
+        QVERIFY(sawStop);
+        QTest::qWait(30);
+        QVERIFY(!delivered);
+    }
+
+    void stopDuringAScanStopsTheWalk_data() {
+        QTest::addColumn<QString>("operation");
+        QTest::newRow("sweep") << "sweep";
+        QTest::newRow("cleanup measure") << "measure";
+    }
+
+    void stopDuringAScanStopsTheWalk() {
+        if (!testhooks::enabled) {
+            QSKIP("needs the core's test hooks (the debug and asan presets have them)");
+        }
+        QFETCH(QString, operation);
+        const int folders = 400;
+        std::string cache = test::fixtureHome() + "/.cache/pip/wide";
+        writeWideCache(cache, folders);
+        WalkPause pause(cache + "/");
+        SweepRunner sweep;
+        CleanupRunner cleanup;
+        bool isSweep = operation == "sweep";
+        QSignalSpy failed(isSweep ? static_cast<QObject*>(&sweep) : &cleanup,
+                          isSweep ? SIGNAL(failed(QString, bool)) : SIGNAL(failed(QString, bool)));
+        QSignalSpy swept(&sweep, &SweepRunner::swept);
+        QSignalSpy measured(&cleanup, &CleanupRunner::measured);
+        if (isSweep) {
+            sweep.start();
+        } else {
+            cleanup.measure(catalogTargets({"python_tools"}), {});
+        }
+        QTRY_VERIFY(pause.reached());
+        if (isSweep) {
+            sweep.stop();
+        } else {
+            cleanup.stop();
+        }
+        // Stop reaches the services through their own flags, a few polls later.
+        QTest::qWait(150);
+        pause.release();
+        QTRY_COMPARE_WITH_TIMEOUT(failed.count(), 1, 20000);
+        QCOMPARE(failed.at(0).at(1).toBool(), true);
+        QVERIFY(!sweep.isRunning() && !cleanup.isRunning());
+        QCOMPARE(swept.count() + measured.count(), 0);
+        QVERIFY2(pause.afterRelease() < 5, qPrintable(QString::number(pause.afterRelease())));
+        test::runShell("rm -rf " + test::shellQuote(test::fixtureHome() + "/.cache/pip"));
+    }
+
+    void sweepDeliversMeasuredTiles() {
+        std::string cache = test::fixtureHome() + "/.npm/_cacache";
+        test::makeDirs(cache + "/content-v2");
+        test::writeFilledFile(cache + "/content-v2/blob", 250'000);
+        SweepRunner runner;
+        QSignalSpy swept(&runner, &SweepRunner::swept);
+        runner.start();
+        QTRY_COMPARE_WITH_TIMEOUT(swept.count(), 1, 30000);
+        auto sweep = swept.at(0).at(0).value<std::shared_ptr<Sweep>>();
+        QCOMPARE(sweep->tile(SweepTileKind::developer)->bytes, test::peerAllocatedBytes(cache));
+        SweepProgress last = runner.sweepProgress();
+        QCOMPARE(last.fraction, 1.0);
+        QCOMPARE(last.finishedKinds.size(), allTileKinds.size());
+        test::runShell("rm -rf " + test::shellQuote(test::fixtureHome() + "/.npm"));
+    }
+
+    void cleanupCleansVerifiesAndPutsBack() {
+        std::string cache = test::fixtureHome() + "/.cache/go-build";
+        test::makeDirs(cache + "/00");
+        test::writeFilledFile(cache + "/00/0012ab-d", 200'000);
+        test::writeFilledFile(cache + "/trim.txt", 5'000);
+        std::string before = test::checksums({cache});
+        std::vector<Target> targets = catalogTargets({"rust_go"});
+
+        CleanupRunner runner;
+        QSignalSpy prepared(&runner, &CleanupRunner::prepared);
+        QSignalSpy cleaned(&runner, &CleanupRunner::cleaned);
+        runner.prepare(targets, {});
+        QTRY_COMPARE_WITH_TIMEOUT(prepared.count(), 1, 20000);
+        auto plan = prepared.at(0).at(0).value<CleanPlan>();
+        QVERIFY(!plan.paths.empty());
+        runner.clean(plan, targets, {});
+        QTRY_COMPARE_WITH_TIMEOUT(cleaned.count(), 1, 20000);
+        auto outcome = cleaned.at(0).at(0).value<CleanOutcome>();
+        QVERIFY2(outcome.result.errors.empty(),
+                 outcome.result.errors.empty() ? "" : outcome.result.errors[0].message.c_str());
+        QCOMPARE(outcome.result.filesRemoved, plan.paths.size());
+        QVERIFY(outcome.verification.has_value());
+        QCOMPARE(outcome.verification->totalBytes, 0u);
+        QVERIFY(!std::filesystem::exists(cache));
+        QVERIFY(outcome.result.journalEntryID.has_value());
+
+        PutBackRunner putBack;
+        QSignalSpy finished(&putBack, &PutBackRunner::finished);
+        putBack.putBack(*outcome.result.journalEntryID, std::nullopt);
+        QTRY_COMPARE_WITH_TIMEOUT(finished.count(), 1, 20000);
+        auto result = finished.at(0).at(0).value<TrashRestoreResult>();
+        QCOMPARE(result.restoredIDs.size(), plan.paths.size());
+        QVERIFY(result.skipped.empty());
+        QCOMPARE(test::checksums({cache}), before);
+        test::runShell("rm -rf " + test::shellQuote(cache));
+    }
+};
+
+SD_REGISTER_APP_TEST(WorkersTest);
+
+} // namespace
+} // namespace sd::app
+
+#include "WorkersTest.moc"
