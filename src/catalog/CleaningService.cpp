@@ -319,7 +319,7 @@ CleaningService::buildCandidates(const std::vector<Target>& targets,
             // The location lies inside something switched off (patterns may name it).
             std::string prefix;
             for (std::string_view component : splitComponents(c.path)) {
-                prefix += "/" + std::string(component);
+                prefix.append("/").append(component);
                 if (::fnmatch(d.location->c_str(), prefix.c_str(), FNM_PERIOD) == 0) {
                     c.excludes.push_back(std::string());
                     break;
