@@ -153,7 +153,17 @@ QVariant SweepTileModel::data(const QModelIndex& index, int role) const {
         if (tile != nullptr) {
             return QString::fromStdString(tileSubtitle(*tile));
         }
-        return QString::fromStdString(tileSubtitle(emptyTile(kind)));
+        // Unmeasured, a tile says what it holds rather than counting nothing.
+        switch (kind) {
+        case SweepTileKind::appCaches:
+            return QStringLiteral("Caches apps rebuild as they need them");
+        case SweepTileKind::redownloads:
+            return QStringLiteral("Big, but slow to get back — downloaded again on use");
+        case SweepTileKind::leftovers:
+            return QStringLiteral("Matched by bundle ID, never by name");
+        default:
+            return QString::fromStdString(tileSubtitle(emptyTile(kind)));
+        }
     }
     case bytesRole:
         if (state_.sweeping) {
