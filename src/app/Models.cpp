@@ -31,10 +31,17 @@ QString dateText(const std::string& isoDate) {
 }
 
 namespace {
-// A tile with nothing measured yet, for its generic title and subtitle.
+// A tile with nothing measured yet, holding the catalog's targets for it, so its title is the
+// one the measured tile will have.
 SweepTile emptyTile(SweepTileKind kind) {
+    static const std::vector<Target> catalog = buildCatalog(DistributionMode::direct);
     SweepTile tile;
     tile.kind = kind;
+    for (const Target& t : catalog) {
+        if (tileHoldsTarget(kind, t.id)) {
+            tile.targets.push_back(t);
+        }
+    }
     return tile;
 }
 } // namespace

@@ -69,6 +69,9 @@ private:
 private slots:
     void initTestCase() {
         QDir().mkpath(shots_);
+        for (const QString& old : QDir(shots_).entryList({QStringLiteral("*.png")})) {
+            QFile::remove(shots_ + "/" + old);
+        }
         test::writeFixtureCaches(test::fixtureHome());
         // Something the person put in the Trash themselves, and files of their own.
         test::runShell("cd " + test::shellQuote(test::fixtureHome()) +
@@ -88,7 +91,7 @@ private slots:
 
     void firstStartShowsTheIntroduction() {
         QVERIFY(window_->introductionShown());
-        shoot("01-onboarding");
+        shoot("onboarding");
         QTest::mouseClick(window_->onboardingPage()->startButton(), Qt::LeftButton);
         QVERIFY(!window_->introductionShown());
         // Once seen, it stays away on the next start.
@@ -99,7 +102,7 @@ private slots:
     void sweepReclaimAndPutBack() {
         SweepPage* page = window_->sweepPage();
         window_->showScreen(MainWindow::Screen::sweep);
-        shoot("02-sweep-before");
+        shoot("sweep-before");
 
         std::vector<std::string> developer =
             cacheFolders({"python_tools", "javascript_tools", "rust_go"});
@@ -109,9 +112,22 @@ private slots:
         std::string untouchedSums = test::checksums(untouched);
         QVERIFY(!developerSums.empty());
 
-        QTest::mouseClick(page->sweepButton(), Qt::LeftButton);
-        QVERIFY(page->runner().isRunning());
-        QTRY_VERIFY_WITH_TIMEOUT(!page->runner().isRunning(), 60000);
+        {
+#ifdef SPARROWDECK_TEST_HOOKS
+            // Hold the walk inside the pip cache so the picture shows a Sweep under way.
+            test::WalkPause pause(test::fixtureHome() + "/.cache/pip/");
+#endif
+            QTest::mouseClick(page->sweepButton(), Qt::LeftButton);
+            QVERIFY(page->runner().isRunning());
+#ifdef SPARROWDECK_TEST_HOOKS
+            QTRY_VERIFY(pause.reached());
+            QTest::qWait(400);
+            QVERIFY(page->sweepButton()->isEnabled() == false);
+            shoot("sweep-running");
+            pause.release();
+#endif
+            QTRY_VERIFY_WITH_TIMEOUT(!page->runner().isRunning(), 60000);
+        }
         QVERIFY2(page->state().sweep != nullptr, qPrintable(page->banner()->text()));
 
         // The developer tile holds exactly the fixture's developer caches, as find counts them.
@@ -123,7 +139,7 @@ private slots:
         }
         QCOMPARE(tile->bytes, peer);
         QVERIFY(page->state().sweep->tile(SweepTileKind::trash)->bytes > 0);
-        shoot("03-sweep-results");
+        shoot("sweep-results");
 
         // Every tile that comes back starts ticked; leave only the developer tile ticked.
         for (SweepTileKind kind : {SweepTileKind::appCaches, SweepTileKind::redownloads}) {
@@ -134,15 +150,15 @@ private slots:
         // The Trash tile is never ticked, whatever is clicked.
         clickTile(page->tileView(), static_cast<int>(SweepTileKind::trash));
         QCOMPARE(page->state().selection, std::set<SweepTileKind>{SweepTileKind::developer});
-        shoot("04-sweep-ticked");
+        shoot("sweep-ticked");
 
-        acceptNextDialog(QStringLiteral("05-sweep-confirm"));
+        acceptNextDialog(QStringLiteral("sweep-confirm"));
         QTest::mouseClick(page->reclaimButton(), Qt::LeftButton);
         QVERIFY(
             dialogTexts_.last().contains(QString::fromStdString(std::string(sweepRecheckText))));
         QTRY_VERIFY_WITH_TIMEOUT(!page->runner().isRunning(), 60000);
         QVERIFY2(page->banner()->text().startsWith("Moved"), qPrintable(page->banner()->text()));
-        shoot("06-sweep-reclaimed");
+        shoot("sweep-reclaimed");
 
         // The developer caches are in the Trash, byte for byte, and nothing else moved.
         for (const std::string& folder : developer) {
@@ -178,7 +194,7 @@ private slots:
         QModelIndex newest = activity->model().index(0, 0);
         QCOMPARE(activity->model().entryAt(newest)->kind, JournalKind::sweep);
         activity->tree()->setCurrentIndex(activity->model().index(0, 0, newest));
-        shoot("07-activity");
+        shoot("activity");
 
         window_->showScreen(MainWindow::Screen::sweep);
         QVERIFY(page->putBackButton()->isVisible());
@@ -187,7 +203,7 @@ private slots:
         QVERIFY(dialogTexts_.last().contains(
             QString::fromStdString(std::string(putBackConfirmationText))));
         QTRY_VERIFY_WITH_TIMEOUT(page->banner()->text().startsWith("Put back"), 30000);
-        shoot("08-sweep-put-back");
+        shoot("sweep-put-back");
 
         // Everything is back where it was, unchanged, and gone from the Trash.
         QCOMPARE(test::checksums(developer), developerSums);
@@ -202,7 +218,7 @@ private slots:
     void cleanupMeasuresTheCatalog() {
         window_->showScreen(MainWindow::Screen::cleanup);
         CleanupPage* page = window_->cleanupPage();
-        shoot("09-cleanup-before");
+        shoot("cleanup-before");
         QTest::mouseClick(page->measureButton(), Qt::LeftButton);
         QTRY_VERIFY_WITH_TIMEOUT(!page->runner().isRunning(), 60000);
         QCOMPARE(page->step(), CleanupPage::Step::scanned);
@@ -217,17 +233,19 @@ private slots:
             expected.insert(c.targetID);
         }
         QCOMPARE(shown, expected);
-        shoot("10-cleanup-measured");
+        shoot("cleanup-measured");
     }
 
     void settingsAndActivityScreens() {
         window_->showScreen(MainWindow::Screen::settings);
-        shoot("11-settings");
+        shoot("settings");
         window_->showScreen(MainWindow::Screen::activity);
-        shoot("12-activity-after");
+        shoot("activity-after");
     }
 
-    void cleanupTestCase() { window_.reset(); }
+    void cleanupTestCase() {
+        window_.reset();
+    }
 };
 
 SD_REGISTER_APP_TEST(AppEndToEndTest);

@@ -1,8 +1,13 @@
 #pragma once
 
+#include "core/TestHooks.h"
+
 #include <QObject>
+#include <atomic>
+#include <condition_variable>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -29,6 +34,60 @@ void writeFixtureCaches(const std::string& home);
 
 // sha256sum of every file under the folders, sorted, as one text.
 std::string checksums(const std::vector<std::string>& folders);
+
+// A gate a worker waits at until the test opens it.
+class Gate {
+public:
+    void open() {
+        std::lock_guard guard(lock_);
+        open_ = true;
+        changed_.notify_all();
+    }
+    void wait() {
+        std::unique_lock guard(lock_);
+        changed_.wait(guard, [this] { return open_; });
+    }
+
+private:
+    std::mutex lock_;
+    std::condition_variable changed_;
+    bool open_ = false;
+};
+
+#ifdef SPARROWDECK_TEST_HOOKS
+// Holds the walk at the first folder it opens below `marker` until the gate opens, and counts
+// the folders below it opened after that.
+class WalkPause {
+public:
+    explicit WalkPause(std::string marker) : marker_(std::move(marker)) {
+        testhooks::setBeforeOpenDirectory([this](const std::string& path) {
+            if (path.find(marker_) == std::string::npos) {
+                return;
+            }
+            if (!reached_.exchange(true)) {
+                gate_.wait();
+            } else if (released_) {
+                ++afterRelease_;
+            }
+        });
+    }
+    ~WalkPause() { testhooks::setBeforeOpenDirectory({}); }
+    bool reached() const { return reached_; }
+    void release() {
+        released_ = true;
+        gate_.open();
+    }
+    int afterRelease() const { return afterRelease_; }
+
+private:
+    std::string marker_;
+    Gate gate_;
+    std::atomic<bool> reached_{false};
+    std::atomic<bool> released_{false};
+    std::atomic<int> afterRelease_{0};
+};
+
+#endif
 
 } // namespace sd::test
 

@@ -2,67 +2,13 @@
 
 #include "AppTestMain.h"
 #include "Fixture.h"
-#include "core/TestHooks.h"
 
 #include <QSignalSpy>
 #include <QTest>
-#include <condition_variable>
 #include <filesystem>
-#include <mutex>
 
 namespace sd::app {
 namespace {
-
-// A gate a worker waits at until the test opens it.
-class Gate {
-public:
-    void open() {
-        std::lock_guard guard(lock_);
-        open_ = true;
-        changed_.notify_all();
-    }
-    void wait() {
-        std::unique_lock guard(lock_);
-        changed_.wait(guard, [this] { return open_; });
-    }
-
-private:
-    std::mutex lock_;
-    std::condition_variable changed_;
-    bool open_ = false;
-};
-
-// Holds the walk at the first folder it opens below `marker` until the gate opens, and counts
-// the folders below it opened after that.
-class WalkPause {
-public:
-    explicit WalkPause(std::string marker) : marker_(std::move(marker)) {
-        testhooks::setBeforeOpenDirectory([this](const std::string& path) {
-            if (path.find(marker_) == std::string::npos) {
-                return;
-            }
-            if (!reached_.exchange(true)) {
-                gate_.wait();
-            } else if (released_) {
-                ++afterRelease_;
-            }
-        });
-    }
-    ~WalkPause() { testhooks::setBeforeOpenDirectory({}); }
-    bool reached() const { return reached_; }
-    void release() {
-        released_ = true;
-        gate_.open();
-    }
-    int afterRelease() const { return afterRelease_; }
-
-private:
-    std::string marker_;
-    Gate gate_;
-    std::atomic<bool> reached_{false};
-    std::atomic<bool> released_{false};
-    std::atomic<int> afterRelease_{0};
-};
 
 // A cache of `folders` folders with one small file each, where the catalog looks.
 void writeWideCache(const std::string& folder, int folders) {
@@ -88,7 +34,7 @@ private slots:
     void aSupersededResultIsDropped() {
         TaskRunner runner;
         QSignalSpy running(&runner, &TaskRunner::runningChanged);
-        Gate first;
+        test::Gate first;
         std::vector<int> delivered;
         runner.start<int>(
             [&](const Cancellation&) {
@@ -170,14 +116,14 @@ private slots:
     }
 
     void stopDuringAScanStopsTheWalk() {
-        if (!testhooks::enabled) {
-            QSKIP("needs the core's test hooks (the debug and asan presets have them)");
-        }
+#ifndef SPARROWDECK_TEST_HOOKS
+        QSKIP("needs the core's test hooks (the debug and asan presets have them)");
+#else
         QFETCH(QString, operation);
         const int folders = 400;
         std::string cache = test::fixtureHome() + "/.cache/pip/wide";
         writeWideCache(cache, folders);
-        WalkPause pause(cache + "/");
+        test::WalkPause pause(cache + "/");
         SweepRunner sweep;
         CleanupRunner cleanup;
         bool isSweep = operation == "sweep";
@@ -205,6 +151,7 @@ private slots:
         QCOMPARE(swept.count() + measured.count(), 0);
         QVERIFY2(pause.afterRelease() < 5, qPrintable(QString::number(pause.afterRelease())));
         test::runShell("rm -rf " + test::shellQuote(test::fixtureHome() + "/.cache/pip"));
+#endif
     }
 
     void sweepDeliversMeasuredTiles() {
