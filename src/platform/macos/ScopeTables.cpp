@@ -17,6 +17,12 @@ constexpr std::array<std::string_view, 4> gitRows{
 std::span<const std::string_view> extraCloudFolders() {
     return {};
 }
+std::span<const std::string_view> extraReviewExclusions() {
+    return {};
+}
+std::span<const std::string_view> extraDeveloperFolders() {
+    return {};
+}
 std::span<const std::string_view> systemRoots() {
     return systemRootRows;
 }
