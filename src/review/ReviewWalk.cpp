@@ -76,8 +76,9 @@ std::string childPath(std::string_view parent, std::string_view name) {
 }
 
 std::vector<std::string> splitPattern(std::string_view pattern) {
+    const std::string absolute = "/" + std::string(pattern); // the views below point into it
     std::vector<std::string> parts;
-    for (std::string_view part : splitComponents("/" + std::string(pattern))) {
+    for (std::string_view part : splitComponents(absolute)) {
         parts.emplace_back(part);
     }
     return parts;
@@ -364,7 +365,8 @@ private:
             if (::fnmatch(pattern.back().c_str(), name.c_str(), FNM_PERIOD) != 0) {
                 continue;
             }
-            std::vector<std::string_view> above = splitComponents("/" + *frame.relative);
+            const std::string absolute = "/" + *frame.relative; // the views point into it
+            std::vector<std::string_view> above = splitComponents(absolute);
             bool all = true;
             for (size_t i = 0; all && i < above.size(); ++i) {
                 all = ::fnmatch(pattern[i].c_str(), std::string(above[i]).c_str(), FNM_PERIOD) == 0;
