@@ -193,6 +193,15 @@ void printLargeOld(const LargeOldReport& report, const LargeOldOptions& options,
     }
 }
 
+// CLI11 would read "-5" into an unsigned option as a huge number; a count is digits only.
+const CLI::Validator wholeNumber(
+    [](std::string& text) {
+        bool digits = !text.empty() && text.size() <= 19 &&
+                      text.find_first_not_of("0123456789") == std::string::npos;
+        return digits ? std::string() : "“" + text + "” is not a whole number of 0 or more";
+    },
+    "NUMBER");
+
 } // namespace
 
 void addDuplicatesCommand(CLI::App& app, int& exitStatus) {
@@ -246,9 +255,11 @@ void addLargeOldCommand(CLI::App& app, int& exitStatus) {
     command
         ->add_option("--older-than", options->olderThanDays,
                      "Not opened for this many days (default 365)")
-        ->check(CLI::Range(std::uint64_t{0}, std::uint64_t{365'000}));
-    command->add_option("--min-size", options->minimumBytes,
-                        "Smallest size in bytes (default 52428800, 50 MiB)");
+        ->check(wholeNumber);
+    command
+        ->add_option("--min-size", options->minimumBytes,
+                     "Smallest size in bytes (default 52428800, 50 MiB)")
+        ->check(wholeNumber);
     command->callback([options, &exitStatus] {
         const std::string home = homeDirectory();
         LargeOldFinder finder = LargeOldFinder::standard(home);
