@@ -19,6 +19,7 @@ void afterHashing();
 #else
 inline constexpr bool enabled = false;
 inline void beforeOpenDirectory(const std::string&, const char*) {}
+inline void setAfterHashing(std::function<void()>) {}
 inline void afterHashing() {}
 #endif
 
