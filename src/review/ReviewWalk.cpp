@@ -76,7 +76,7 @@ std::string childPath(std::string_view parent, std::string_view name) {
 }
 
 std::vector<std::string> splitPattern(std::string_view pattern) {
-    const std::string absolute = "/" + std::string(pattern); // the views below point into it
+    const std::string absolute = std::string("/").append(pattern); // the views point into it
     std::vector<std::string> parts;
     for (std::string_view part : splitComponents(absolute)) {
         parts.emplace_back(part);
@@ -223,7 +223,8 @@ private:
         if (isInside(path, options_.home)) {
             std::string relative =
                 path.size() > options_.home.size() ? path.substr(options_.home.size() + 1) : "";
-            size_t depth = relative.empty() ? 0 : splitComponents("/" + relative).size();
+            size_t depth =
+                relative.empty() ? 0 : splitComponents(std::string("/").append(relative)).size();
             if (depth < deepestPattern_) {
                 frame.relative = relative;
                 frame.relativeDepth = depth;
@@ -365,7 +366,7 @@ private:
             if (::fnmatch(pattern.back().c_str(), name.c_str(), FNM_PERIOD) != 0) {
                 continue;
             }
-            const std::string absolute = "/" + *frame.relative; // the views point into it
+            const std::string absolute = std::string("/").append(*frame.relative); // views into it
             std::vector<std::string_view> above = splitComponents(absolute);
             bool all = true;
             for (size_t i = 0; all && i < above.size(); ++i) {
