@@ -1,6 +1,7 @@
 #include "review/ContentDigest.h"
 
 #include <cerrno>
+#include <cstring>
 #include <openssl/evp.h>
 #include <stdexcept>
 #include <unistd.h>
@@ -140,6 +141,64 @@ FullDigest fullDigest(int fd, std::uint64_t size, std::chrono::steady_clock::tim
         }
         sha.update(buffer.data(), length);
         offset += length;
+    }
+    result.digest = sha.finish();
+    return result;
+}
+
+SideBySideReading readSideBySide(const std::vector<int>& fds, std::uint64_t size,
+                                 std::chrono::steady_clock::time_point deadline,
+                                 const Cancellation& cancel, std::vector<unsigned char>& first,
+                                 std::vector<unsigned char>& other, Sha256& sha,
+                                 std::atomic<std::uint64_t>* bytesRead) {
+    SideBySideReading result;
+    result.files.assign(fds.size(), SideBySide::matched);
+    if (fds.empty() || first.size() < contentChunkBytes || other.size() < contentChunkBytes) {
+        result.files.assign(fds.size(), SideBySide::unreadable);
+        return result;
+    }
+    size_t following = fds.size() - 1; // files still equal to the first so far
+    sha.reset();
+    std::uint64_t offset = 0;
+    while (offset < size && following > 0) {
+        if (cancel.requested()) {
+            result.cancelled = true;
+            return result;
+        }
+        if (std::chrono::steady_clock::now() >= deadline) {
+            result.timedOut = true;
+            return result;
+        }
+        auto length =
+            static_cast<size_t>(std::min<std::uint64_t>(contentChunkBytes, size - offset));
+        if (!readExactly(fds[0], first.data(), length, offset, bytesRead)) {
+            result.files[0] = SideBySide::unreadable;
+            // Nothing can be compared with a file that cannot be read: the rest are on their own.
+            for (size_t i = 1; i < fds.size(); ++i) {
+                if (result.files[i] == SideBySide::matched) {
+                    result.files[i] = SideBySide::differs;
+                }
+            }
+            return result;
+        }
+        for (size_t i = 1; i < fds.size(); ++i) {
+            if (result.files[i] != SideBySide::matched) {
+                continue;
+            }
+            if (!readExactly(fds[i], other.data(), length, offset, bytesRead)) {
+                result.files[i] = SideBySide::unreadable;
+                --following;
+            } else if (std::memcmp(first.data(), other.data(), length) != 0) {
+                result.files[i] = SideBySide::differs;
+                --following;
+            }
+        }
+        sha.update(first.data(), length);
+        offset += length;
+    }
+    if (following == 0) {
+        result.files[0] = SideBySide::differs; // nothing matched it
+        return result;
     }
     result.digest = sha.finish();
     return result;

@@ -59,4 +59,29 @@ FullDigest fullDigest(int fd, std::uint64_t size, std::chrono::steady_clock::tim
                       const Cancellation& cancel, std::vector<unsigned char>& buffer, Sha256& sha,
                       std::atomic<std::uint64_t>* bytesRead = nullptr);
 
+// How one file of a side-by-side reading ended.
+enum class SideBySide { matched, differs, unreadable };
+
+struct SideBySideReading {
+    // The first file's digest when at least one other file matched it to the end.
+    std::optional<ContentDigest> digest;
+    // One per descriptor. The first file's own entry says matched when another file matched
+    // it, and differs when none did.
+    std::vector<SideBySide> files;
+    bool timedOut = false;
+    bool cancelled = false;
+};
+
+// Reads files of `size` bytes side by side, one chunk of each at a time with the deadline and
+// Stop checked before each, comparing every file's bytes with the first file's and hashing only
+// the first. Files equal to the first share its digest; equal files have equal SHA-256 digests
+// and the other way round, so a group is settled with one digest instead of one per file, and
+// a file that differs stops being read at the chunk that shows it. `first` and `other` hold at
+// least contentChunkBytes each.
+SideBySideReading readSideBySide(const std::vector<int>& fds, std::uint64_t size,
+                                 std::chrono::steady_clock::time_point deadline,
+                                 const Cancellation& cancel, std::vector<unsigned char>& first,
+                                 std::vector<unsigned char>& other, Sha256& sha,
+                                 std::atomic<std::uint64_t>* bytesRead = nullptr);
+
 } // namespace sd

@@ -62,6 +62,7 @@ struct Member {
     ContentDigest sample{};
     ContentDigest full{};
     bool failed = false;
+    bool alone = false; // shown to differ from every other member
 };
 
 enum class Admission { pending, admitted, refused, aborted };
@@ -116,7 +117,7 @@ void collapse(std::vector<Member>& members, Key keyOf, std::uint64_t& counter) {
 template <typename DigestOf> std::vector<WorkUnit> splitBy(WorkUnit& unit, DigestOf digestOf) {
     std::map<ContentDigest, std::vector<Member>> parts;
     for (Member& m : unit.members) {
-        if (!m.failed) {
+        if (!m.failed && !m.alone) {
             parts[digestOf(m)].push_back(std::move(m));
         }
     }
@@ -149,8 +150,8 @@ public:
         for (WorkUnit& unit : units) {
             unit.memberCost = std::min(unit.size, 2 * options_.sampleBytes);
         }
-        runStage(units, halfway,
-                 [this](Worker& w, WorkUnit& unit, Member& m) { return quickRead(w, unit, m); });
+        runStage(units, halfway, Reading::memberByMember,
+                 [this](Worker& w, WorkUnit& unit, Member* m) { return quickRead(w, unit, *m); });
         std::vector<WorkUnit> paired;
         for (WorkUnit& unit : units) {
             if (!settle(unit)) {
@@ -165,8 +166,11 @@ public:
             }
         }
 
-        runStage(paired, end,
-                 [this](Worker& w, WorkUnit& unit, Member& m) { return fullRead(w, unit, m); });
+        // Small units are read side by side and hashed once: the digest of equal files is the
+        // digest of any one of them, and a decoy stops being read where it first differs.
+        runStage(paired, end, Reading::sideBySide, [this](Worker& w, WorkUnit& unit, Member* m) {
+            return m != nullptr ? fullRead(w, unit, *m) : sideBySideRead(w, unit);
+        });
         std::vector<WorkUnit> confirmed;
         for (WorkUnit& unit : paired) {
             if (!settle(unit)) {
@@ -189,9 +193,14 @@ public:
 private:
     struct Worker {
         std::vector<unsigned char> buffer;
+        std::vector<unsigned char> second; // the other file of a pair
         Sha256 sha;
     };
     enum class Outcome { done, timedOut, cancelled };
+    // Whether a stage reads the members of a small unit as one task, side by side. Each open
+    // file costs a descriptor, so larger units are read member by member.
+    enum class Reading { memberByMember, sideBySide };
+    static constexpr size_t sideBySideLimit = 16;
 
     // After a stage: a unit that was not compared in time adds its bytes to what could not be
     // confirmed. False for such a unit.
@@ -239,10 +248,10 @@ private:
         outstanding_ = outstanding_ > bytes ? outstanding_ - bytes : 0;
     }
 
-    void finishMember(WorkUnit& unit, const std::string& path) {
+    void finishMembers(WorkUnit& unit, size_t count, const std::string& path) {
         std::lock_guard guard(lock_);
-        release(unit, 1);
-        ++itemsSeen_;
+        release(unit, count);
+        itemsSeen_ += count;
         Clock::time_point now = Clock::now();
         if (comparer_.progress && now - lastReport_ >= reportEvery) {
             lastReport_ = now;
@@ -336,11 +345,91 @@ private:
         return Outcome::done;
     }
 
+    // All members of a small unit, read side by side against the first: the files equal to it
+    // get its digest, the others are hashed on their own only when two or more of them are left.
+    Outcome sideBySideRead(Worker& w, WorkUnit& unit) {
+        std::vector<UniqueFd> open;
+        std::vector<Member*> members;
+        for (Member& m : unit.members) {
+            UniqueFd fd = openMember(m);
+            m.failed = !fd;
+            if (fd) {
+                open.push_back(std::move(fd));
+                members.push_back(&m);
+            }
+        }
+        if (members.size() < 2) {
+            return Outcome::done;
+        }
+        std::vector<int> fds;
+        for (const UniqueFd& fd : open) {
+            platform::adviseSequential(fd.get());
+            fds.push_back(fd.get());
+        }
+        w.second.resize(contentChunkBytes);
+        SideBySideReading read = readSideBySide(fds, unit.size, stageDeadline_, comparer_.cancel,
+                                                w.buffer, w.second, w.sha, &bytesRead_);
+        if (read.cancelled) {
+            return Outcome::cancelled;
+        }
+        if (read.timedOut) {
+            return Outcome::timedOut;
+        }
+        std::vector<size_t> others;
+        for (size_t i = 0; i < members.size(); ++i) {
+            Member& m = *members[i];
+            if (i == 0 && read.files[0] == SideBySide::differs) {
+                m.alone = true; // every other file differs from it somewhere
+            } else if (read.files[i] == SideBySide::unreadable) {
+                warn("Couldn’t read " + m.file.path + " to the end — left out of the comparison.");
+                m.failed = true;
+            } else if (read.files[i] == SideBySide::matched) {
+                m.full = *read.digest;
+            } else {
+                others.push_back(i);
+            }
+        }
+        if (others.size() == 1) {
+            members[others[0]]->alone = true; // it differs from every file that was read whole
+        } else {
+            for (size_t i : others) {
+                Member& m = *members[i];
+                FullDigest digest = fullDigest(fds[i], unit.size, stageDeadline_, comparer_.cancel,
+                                               w.buffer, w.sha, &bytesRead_);
+                if (digest.cancelled) {
+                    return Outcome::cancelled;
+                }
+                if (digest.timedOut) {
+                    return Outcome::timedOut;
+                }
+                if (!digest.digest) {
+                    warn("Couldn’t read " + m.file.path +
+                         " to the end — left out of the comparison.");
+                    m.failed = true;
+                } else {
+                    m.full = *digest.digest;
+                }
+            }
+        }
+        for (size_t i = 0; i < members.size(); ++i) {
+            struct stat st {};
+            Member& m = *members[i];
+            if (!m.failed && (::fstat(fds[i], &st) != 0 || !unchanged(m.file, st))) {
+                warn(m.file.path + " changed while it was being compared — left out.");
+                m.failed = true;
+            }
+        }
+        return Outcome::done;
+    }
+
     // Reads every member of every unit, in inode order across units so a disk reads in the order
-    // files were laid down, on several threads at once.
+    // files were laid down, on several threads at once. `read` gets a null member for a unit
+    // read side by side as one task.
     template <typename Read>
-    void runStage(std::vector<WorkUnit>& units, Clock::time_point deadline, Read read) {
+    void runStage(std::vector<WorkUnit>& units, Clock::time_point deadline, Reading reading,
+                  Read read) {
         stageDeadline_ = deadline;
+        constexpr size_t wholeUnit = static_cast<size_t>(-1);
         struct Task {
             std::uint64_t device;
             std::uint64_t inode;
@@ -349,6 +438,11 @@ private:
         };
         std::vector<Task> tasks;
         for (size_t u = 0; u < units.size(); ++u) {
+            if (reading == Reading::sideBySide && units[u].members.size() <= sideBySideLimit) {
+                const ReviewCandidate& f = units[u].members[0].file;
+                tasks.push_back({f.device, f.inode, u, wholeUnit});
+                continue;
+            }
             for (size_t i = 0; i < units[u].members.size(); ++i) {
                 const ReviewCandidate& f = units[u].members[i].file;
                 tasks.push_back({f.device, f.inode, u, i});
@@ -371,7 +465,10 @@ private:
                         return;
                     }
                     WorkUnit& unit = units[tasks[index].unit];
-                    Member& member = unit.members[tasks[index].member];
+                    const bool whole = tasks[index].member == wholeUnit;
+                    Member* member = whole ? nullptr : &unit.members[tasks[index].member];
+                    const size_t count = whole ? unit.members.size() : 1;
+                    const std::string& path = (whole ? unit.members[0] : *member).file.path;
                     if (comparer_.cancel.requested()) {
                         cancelled = true;
                         return;
@@ -381,7 +478,7 @@ private:
                     }
                     if (Clock::now() >= deadline) {
                         abort(unit);
-                        finishMember(unit, member.file.path);
+                        finishMembers(unit, count, path);
                         continue;
                     }
                     Outcome outcome = read(worker, unit, member);
@@ -392,7 +489,7 @@ private:
                     if (outcome == Outcome::timedOut) {
                         abort(unit);
                     }
-                    finishMember(unit, member.file.path);
+                    finishMembers(unit, count, path);
                 }
             } catch (...) {
                 std::lock_guard guard(lock_);
@@ -462,7 +559,7 @@ std::vector<WorkUnit> bucket(const std::vector<ReviewCandidate>& candidates,
             WorkUnit unit;
             unit.size = files[i]->logicalSize;
             for (size_t k = i; k < j; ++k) {
-                unit.members.push_back(Member{*files[k], {}, std::nullopt, {}, {}, false});
+                unit.members.push_back(Member{*files[k], {}, std::nullopt, {}, {}, false, false});
             }
             collapse(
                 unit.members, [](const Member& m) { return std::optional(m.file.inode); },
