@@ -142,16 +142,19 @@ void mixedCorpus(const std::string& root) {
 }
 
 // Many files of one size: five contents seen one to three times each, and for each a decoy
-// changed at the front, the middle or the end.
+// changed at the front, the middle or the end. Half the decoys sort before their originals, so
+// files read side by side are measured against a decoy as often as against a true copy.
 void crowdCorpus(const std::string& root) {
     const std::uint64_t size = mib + 4096;
     for (int content = 0; content < 5; ++content) {
+        const std::string folder = root + "/c" + std::to_string(content);
         const std::string bytes = randomBytes(size, 100 + content);
         for (int copy = 0; copy <= content % 3; ++copy) {
-            put(root + "/c" + std::to_string(content) + "/copy" + std::to_string(copy), bytes);
+            put(folder + "/copy" + std::to_string(copy), bytes);
         }
         const std::uint64_t where[] = {100, size / 2, size - 100};
-        put(root + "/decoys/d" + std::to_string(content), flipped(bytes, where[content % 3]));
+        put(content % 2 == 0 ? folder + "/0-decoy" : root + "/decoys/d" + std::to_string(content),
+            flipped(bytes, where[content % 3]));
     }
 }
 
@@ -159,6 +162,10 @@ struct PeerCase {
     const char* name;
     void (*build)(const std::string& root);
 };
+
+void PrintTo(const PeerCase& c, std::ostream* out) {
+    *out << c.name;
+}
 
 class DuplicatesAgainstJdupes : public ::testing::TestWithParam<PeerCase> {};
 
