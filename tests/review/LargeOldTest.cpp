@@ -36,10 +36,10 @@ std::string isoDate(double seconds) {
 
 // Sets access and modification times; the change time becomes now, as it always does.
 void setTimes(const std::string& path, double accessed, double modified) {
-    auto spec = [](double t) {
+    auto asTimespec = [](double t) {
         return timespec{static_cast<time_t>(t), static_cast<long>((t - std::floor(t)) * 1e9)};
     };
-    const timespec times[2] = {spec(accessed), spec(modified)};
+    const timespec times[2] = {asTimespec(accessed), asTimespec(modified)};
     ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW), 0) << path;
 }
 
