@@ -4,7 +4,7 @@
 #include "core/ByteFormat.h"
 #include "core/CleanerError.h"
 #include "core/PathRules.h"
-#include "platform/ScopeTables.h"
+#include "platform/Words.h"
 #include "reclaim/ReclaimJournal.h"
 #include "reclaim/VaultService.h"
 

@@ -1,5 +1,6 @@
 #include "cli/MeasureCommand.h"
 #include "cli/ReclaimCommands.h"
+#include "cli/ReviewCommands.h"
 #include "cli/SweepCommands.h"
 
 #include <CLI/CLI.hpp>
@@ -22,6 +23,8 @@ int main(int argc, char** argv) {
     sd::cli::addTrashCommand(app, exitStatus);
     sd::cli::addActivityCommand(app, exitStatus);
     sd::cli::addPutBackCommand(app, exitStatus);
+    sd::cli::addDuplicatesCommand(app, exitStatus);
+    sd::cli::addLargeOldCommand(app, exitStatus);
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp& e) {

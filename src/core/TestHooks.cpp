@@ -8,6 +8,7 @@ namespace sd::testhooks {
 namespace {
 std::mutex lock;
 std::function<void(const std::string&)> beforeOpen;
+std::function<void()> hashed;
 } // namespace
 
 void setBeforeOpenDirectory(std::function<void(const std::string& path)> hook) {
@@ -23,6 +24,22 @@ void beforeOpenDirectory(const std::string& parentPath, const char* name) {
     }
     if (hook) {
         hook(parentPath == "/" ? "/" + std::string(name) : parentPath + "/" + name);
+    }
+}
+
+void setAfterHashing(std::function<void()> hook) {
+    std::lock_guard guard(lock);
+    hashed = std::move(hook);
+}
+
+void afterHashing() {
+    std::function<void()> hook;
+    {
+        std::lock_guard guard(lock);
+        hook = hashed;
+    }
+    if (hook) {
+        hook();
     }
 }
 

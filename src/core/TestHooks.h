@@ -12,9 +12,15 @@ namespace sd::testhooks {
 inline constexpr bool enabled = true;
 void setBeforeOpenDirectory(std::function<void(const std::string& path)> hook);
 void beforeOpenDirectory(const std::string& parentPath, const char* name);
+// Between the duplicate comparer's last read and its re-check of every member, where a test
+// changes a file that has already been hashed.
+void setAfterHashing(std::function<void()> hook);
+void afterHashing();
 #else
 inline constexpr bool enabled = false;
 inline void beforeOpenDirectory(const std::string&, const char*) {}
+inline void setAfterHashing(std::function<void()>) {}
+inline void afterHashing() {}
 #endif
 
 } // namespace sd::testhooks

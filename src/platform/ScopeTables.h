@@ -13,16 +13,18 @@ std::span<const std::string_view> extraAppDataLocations();
 // Cloud-synchronised folders this platform adds, whose contents may not be on this disk at all.
 std::span<const std::string_view> extraCloudFolders();
 
+// Folders below the home that the review searches leave to the Sweep on this platform, as
+// component-wise globs ("*" stands for one folder name).
+std::span<const std::string_view> extraReviewExclusions();
+
+// Folders below the home where this platform's developer tools keep disk images and emulators;
+// the large-and-old search walks them although they sit inside hidden or excluded folders.
+std::span<const std::string_view> extraDeveloperFolders();
+
 // Absolute folders of the operating system itself, under which nothing is ever moved.
 std::span<const std::string_view> systemRoots();
 
 // Where git is looked for, in order.
 std::span<const std::string_view> gitCandidates();
-
-// The action offered beside a row the program will not move: the person looks and decides.
-std::string_view revealActionText();
-
-// How sentences name the machine they run on ("this Mac").
-std::string_view thisMachineText();
 
 } // namespace sd::platform

@@ -71,28 +71,6 @@ struct Denial {
     }
 };
 
-// The closest folder at or above `path` that holds a repository marker.
-std::optional<std::string> enclosingRepository(const std::string& path) {
-    std::string dir = path;
-    while (true) {
-        size_t slash = dir.rfind('/');
-        if (slash == std::string::npos) {
-            return std::nullopt;
-        }
-        dir = slash == 0 ? std::string("/") : dir.substr(0, slash);
-        for (std::string_view marker : repositoryMarkers) {
-            std::string probe = (dir == "/" ? std::string() : dir) + "/" + std::string(marker);
-            struct stat st {};
-            if (::lstat(probe.c_str(), &st) == 0) {
-                return dir;
-            }
-        }
-        if (dir == "/") {
-            return std::nullopt;
-        }
-    }
-}
-
 // Walks everything below a directory item without following links or leaving its device,
 // measuring it and noting the first rule something inside breaks.
 void walkDirectoryItem(const VaultPolicy& policy, VaultPlanItem& item, UniqueFd itemFd,
@@ -204,6 +182,27 @@ void walkDirectoryItem(const VaultPolicy& policy, VaultPlanItem& item, UniqueFd 
 }
 
 } // namespace
+
+std::optional<std::string> enclosingRepository(const std::string& path) {
+    std::string dir = path;
+    while (true) {
+        size_t slash = dir.rfind('/');
+        if (slash == std::string::npos) {
+            return std::nullopt;
+        }
+        dir = slash == 0 ? std::string("/") : dir.substr(0, slash);
+        for (std::string_view marker : repositoryMarkers) {
+            std::string probe = (dir == "/" ? std::string() : dir) + "/" + std::string(marker);
+            struct stat st {};
+            if (::lstat(probe.c_str(), &st) == 0) {
+                return dir;
+            }
+        }
+        if (dir == "/") {
+            return std::nullopt;
+        }
+    }
+}
 
 std::vector<std::string> expandScopes(const std::vector<std::string>& scopes,
                                       const std::string& home) {

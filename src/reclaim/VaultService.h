@@ -89,6 +89,10 @@ std::vector<std::string> expandScopes(const std::vector<std::string>& scopes,
 // following links, refusing anything that is no longer the expected object.
 std::vector<RecycleAnswer> recycleToTrash(const std::vector<RecycleRequest>& requests);
 
+// The closest folder above `path` that holds a repository marker (".git", ".hg", ".svn",
+// ".fossil"), looked up by name without following links.
+std::optional<std::string> enclosingRepository(const std::string& path);
+
 // A short sentence for a note on an item that stayed.
 std::string stayedNote(const std::string& path, VaultDenyReason reason);
 

@@ -1,6 +1,6 @@
 #include "reclaim/VaultTypes.h"
 
-#include "platform/ScopeTables.h"
+#include "platform/Words.h"
 
 #include <array>
 #include <string>

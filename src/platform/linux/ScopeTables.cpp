@@ -21,6 +21,22 @@ constexpr std::array<std::string_view, 6> cloudRows{
     "Dropbox", "Nextcloud", "ownCloud", "pCloudDrive", "MEGA", "OneDrive",
 };
 
+// The per-user cache, the freedesktop.org Trash and Flatpak apps' caches come back by themselves
+// or are already on their way out; the Sweep measures them.
+constexpr std::array<std::string_view, 3> reviewExclusionRows{
+    ".cache",
+    ".local/share/Trash",
+    ".var/app/*/cache",
+};
+
+// Emulator and virtual-machine images: large, rarely opened, and only their owner can judge them.
+constexpr std::array<std::string_view, 4> developerRows{
+    ".android/avd",
+    ".local/share/libvirt/images",
+    ".local/share/gnome-boxes/images",
+    ".vagrant.d/boxes",
+};
+
 constexpr std::array<std::string_view, 17> systemRootRows{
     "/bin",  "/boot", "/dev",  "/etc", "/lib", "/lib32", "/lib64", "/libx32", "/opt",
     "/proc", "/run",  "/sbin", "/srv", "/sys", "/usr",   "/var",   "/snap",
@@ -33,17 +49,17 @@ constexpr std::array<std::string_view, 2> gitRows{"/usr/bin/git", "/usr/local/bi
 std::span<const std::string_view> extraCloudFolders() {
     return cloudRows;
 }
+std::span<const std::string_view> extraReviewExclusions() {
+    return reviewExclusionRows;
+}
+std::span<const std::string_view> extraDeveloperFolders() {
+    return developerRows;
+}
 std::span<const std::string_view> systemRoots() {
     return systemRootRows;
 }
 std::span<const std::string_view> gitCandidates() {
     return gitRows;
-}
-std::string_view thisMachineText() {
-    return "this computer";
-}
-std::string_view revealActionText() {
-    return "Show in Files";
 }
 
 std::span<const std::string_view> extraProtectedLocations() {

@@ -80,7 +80,8 @@ std::optional<dev_t> homeTrashDevice() {
     if (!fd) {
         return std::nullopt;
     }
-    for (std::string_view component : splitComponents(homeTrashPath())) {
+    const std::string trashPath = homeTrashPath(); // the views below point into it
+    for (std::string_view component : splitComponents(trashPath)) {
         std::string name(component);
         UniqueFd next = openSearch(fd.get(), name.c_str());
         if (!next) {

@@ -17,17 +17,17 @@ constexpr std::array<std::string_view, 4> gitRows{
 std::span<const std::string_view> extraCloudFolders() {
     return {};
 }
+std::span<const std::string_view> extraReviewExclusions() {
+    return {};
+}
+std::span<const std::string_view> extraDeveloperFolders() {
+    return {};
+}
 std::span<const std::string_view> systemRoots() {
     return systemRootRows;
 }
 std::span<const std::string_view> gitCandidates() {
     return gitRows;
-}
-std::string_view thisMachineText() {
-    return "this Mac";
-}
-std::string_view revealActionText() {
-    return "Reveal in Finder";
 }
 
 std::span<const std::string_view> extraProtectedLocations() {
