@@ -342,8 +342,13 @@ MainWindow::MainWindow(QWidget* parent)
     cleanup_ = new CleanupPage(catalog_, *journal_);
     activity_ = new ActivityPage(*journal_, catalog_.catalog);
     settings_ = new SettingsPage(catalog_);
+    largeOld_ = new ReviewPage(ReviewPage::Kind::largeOld, *journal_);
+    duplicates_ = new ReviewPage(ReviewPage::Kind::duplicates, *journal_);
     addScreen(QStringLiteral("Sweep"), sweep_);
     addScreen(QStringLiteral("Cleanup"), cleanup_);
+    addHeading(QStringLiteral("Worth a look"));
+    addScreen(QStringLiteral("Large & old"), largeOld_, true);
+    addScreen(QStringLiteral("Duplicates"), duplicates_, true);
     addScreen(QStringLiteral("Activity"), activity_);
     addScreen(QStringLiteral("Settings"), settings_);
 
@@ -372,7 +377,7 @@ void MainWindow::addScreen(const QString& title, QWidget* page, bool indented) {
 void MainWindow::addHeading(const QString& title) {
     auto* item = new QListWidgetItem(title);
     item->setData(Qt::UserRole, -1);
-    item->setFlags(Qt::ItemIsEnabled);
+    item->setFlags(Qt::NoItemFlags);
     QFont font = item->font();
     font.setWeight(QFont::DemiBold);
     item->setFont(font);
@@ -380,10 +385,27 @@ void MainWindow::addHeading(const QString& title) {
 }
 
 void MainWindow::showScreen(Screen screen) {
-    QWidget* page = screen == Screen::sweep      ? static_cast<QWidget*>(sweep_)
-                    : screen == Screen::cleanup  ? static_cast<QWidget*>(cleanup_)
-                    : screen == Screen::activity ? static_cast<QWidget*>(activity_)
-                                                 : static_cast<QWidget*>(settings_);
+    QWidget* page = nullptr;
+    switch (screen) {
+    case Screen::sweep:
+        page = sweep_;
+        break;
+    case Screen::cleanup:
+        page = cleanup_;
+        break;
+    case Screen::largeOld:
+        page = largeOld_;
+        break;
+    case Screen::duplicates:
+        page = duplicates_;
+        break;
+    case Screen::activity:
+        page = activity_;
+        break;
+    case Screen::settings:
+        page = settings_;
+        break;
+    }
     int index = screens_->indexOf(page);
     for (int row = 0; row < sidebar_->count(); ++row) {
         if (sidebar_->item(row)->data(Qt::UserRole).toInt() == index) {

@@ -2,6 +2,7 @@
 
 #include "app/AppState.h"
 #include "app/Pages.h"
+#include "app/ReviewPages.h"
 #include "app/Workers.h"
 
 #include <QListWidget>
@@ -16,7 +17,7 @@ class MainWindow : public QMainWindow {
     Q_OBJECT
 
 public:
-    enum class Screen { sweep, cleanup, activity, settings };
+    enum class Screen { sweep, cleanup, largeOld, duplicates, activity, settings };
 
     explicit MainWindow(QWidget* parent = nullptr);
 
@@ -29,6 +30,8 @@ public:
     CleanupPage* cleanupPage() const noexcept { return cleanup_; }
     ActivityPage* activityPage() const noexcept { return activity_; }
     SettingsPage* settingsPage() const noexcept { return settings_; }
+    ReviewPage* largeOldPage() const noexcept { return largeOld_; }
+    ReviewPage* duplicatesPage() const noexcept { return duplicates_; }
     OnboardingPage* onboardingPage() const noexcept { return onboarding_; }
     JournalStore& journal() noexcept { return *journal_; }
 
@@ -48,6 +51,8 @@ private:
     CleanupPage* cleanup_;
     ActivityPage* activity_;
     SettingsPage* settings_;
+    ReviewPage* largeOld_;
+    ReviewPage* duplicates_;
 };
 
 // The settings key that records the introduction was seen.

@@ -21,7 +21,7 @@ enum ItemRole {
     entryIDRole,   // the journal entry a row belongs to
     inTrashRole,   // bool: still in the Trash
     riskRole,      // RiskLevel as int
-    disruptiveSizeRole,
+    deniedRole,    // bool: the vault keeps this row's item in place
 };
 
 enum class TileState { waiting, measuring, measured, recorded, moved };

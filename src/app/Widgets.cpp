@@ -1,6 +1,6 @@
 #include "app/Widgets.h"
 
-#include "platform/ScopeTables.h"
+#include "platform/Words.h"
 
 #include <QApplication>
 #include <QDBusConnection>
@@ -10,10 +10,12 @@
 #include <QDesktopServices>
 #include <QFileInfo>
 #include <QHBoxLayout>
+#include <QHeaderView>
 #include <QMessageBox>
 #include <QPalette>
 #include <QStyle>
 #include <QStyleFactory>
+#include <QTreeView>
 #include <QUrl>
 #include <QVBoxLayout>
 
@@ -170,6 +172,28 @@ QVBoxLayout* pageLayout(QWidget* page, const QString& title, const QString& expl
 QSize RoomyDelegate::sizeHint(const QStyleOptionViewItem& option, const QModelIndex& index) const {
     QSize size = QStyledItemDelegate::sizeHint(option, index);
     return {size.width(), std::max(size.height(), rowHeight_)};
+}
+
+QSize WrappingDelegate::sizeHint(const QStyleOptionViewItem& option,
+                                 const QModelIndex& index) const {
+    QSize size = RoomyDelegate::sizeHint(option, index);
+    auto* tree = qobject_cast<QTreeView*>(view_);
+    int width = tree != nullptr ? tree->header()->sectionSize(index.column()) : option.rect.width();
+    QString text = index.data().toString();
+    if (width <= 16 || text.isEmpty()) {
+        return size;
+    }
+    QRect bounds =
+        option.fontMetrics.boundingRect(QRect(0, 0, width - 12, 10000), Qt::TextWordWrap, text);
+    return {size.width(), std::max(size.height(), bounds.height() + 12)};
+}
+
+void WrappingDelegate::paint(QPainter* painter, const QStyleOptionViewItem& option,
+                             const QModelIndex& index) const {
+    QStyleOptionViewItem wrapped = option;
+    wrapped.features |= QStyleOptionViewItem::WrapText;
+    wrapped.textElideMode = Qt::ElideNone;
+    RoomyDelegate::paint(painter, wrapped, index);
 }
 
 QLabel* sectionLabel(const QString& text) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QAbstractItemView>
 #include <QFrame>
 #include <QLabel>
 #include <QProgressBar>
@@ -41,6 +42,21 @@ public:
 
 private:
     int rowHeight_;
+};
+
+// A column whose sentences wrap onto as many lines as its width needs, so none is cut short.
+class WrappingDelegate : public RoomyDelegate {
+    Q_OBJECT
+
+public:
+    WrappingDelegate(QAbstractItemView* view, int rowHeight)
+        : RoomyDelegate(rowHeight, view), view_(view) {}
+    QSize sizeHint(const QStyleOptionViewItem& option, const QModelIndex& index) const override;
+    void paint(QPainter* painter, const QStyleOptionViewItem& option,
+               const QModelIndex& index) const override;
+
+private:
+    QAbstractItemView* view_;
 };
 
 // A button label that shows an ampersand as itself rather than as a shortcut marker.
