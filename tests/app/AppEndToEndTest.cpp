@@ -1,6 +1,7 @@
 #include "AppTestMain.h"
 #include "Fixture.h"
 #include "app/MainWindow.h"
+#include "app/ReviewPages.h"
 #include "app/Widgets.h"
 
 #include <QApplication>
@@ -234,6 +235,106 @@ private slots:
         }
         QCOMPARE(shown, expected);
         shoot("cleanup-measured");
+    }
+
+    void duplicatesMoveOnlyWhatIsTicked() {
+        const std::string& h = test::fixtureHome();
+        test::runShell(
+            "cd " + test::shellQuote(h) +
+            " && mkdir -p Documents Backups/old-laptop Downloads Projects/site"
+            " && head -c 1500000 /dev/urandom > Documents/holiday.mov"
+            " && cp Documents/holiday.mov Backups/old-laptop/holiday.mov"
+            " && cp Documents/holiday.mov Downloads/holiday.mov"
+            " && cp Documents/holiday.mov Projects/site/holiday.mov"
+            " && git -C Projects/site init -q && git -C Projects/site add holiday.mov"
+            " && git -C Projects/site -c user.name=t -c user.email=t@example.org commit -qm x");
+        std::string sums = test::checksums({h + "/Documents"});
+        window_->showScreen(MainWindow::Screen::duplicates);
+        ReviewPage* page = window_->duplicatesPage();
+        QTest::mouseClick(page->searchButton(), Qt::LeftButton);
+        QTRY_VERIFY_WITH_TIMEOUT(!page->runner().isRunning(), 60000);
+        QAbstractItemModel& model = page->model();
+        QCOMPARE(model.rowCount(), 1);
+        QModelIndex group = model.index(0, 0);
+        QCOMPARE(model.rowCount(group), 4);
+        QModelIndex keep, backup, download, tracked;
+        for (int r = 0; r < 4; ++r) {
+            QModelIndex at = model.index(r, 0, group);
+            QString path = at.data(pathRole).toString();
+            (path.contains("/Documents/")   ? keep
+             : path.contains("/Backups/")   ? backup
+             : path.contains("/Downloads/") ? download
+                                            : tracked) = at;
+        }
+        // The copy in the person's own folder is the one kept, and it can never be ticked.
+        QVERIFY(keep.data().toString().startsWith("Keep"));
+        QVERIFY(!keep.flags().testFlag(Qt::ItemIsUserCheckable));
+        // Copies the vault keeps in place say why and offer the file manager instead.
+        for (const QModelIndex& denied : {download, tracked}) {
+            QVERIFY(!denied.data(Qt::CheckStateRole).isValid());
+            auto* reveal = qobject_cast<QPushButton*>(
+                page->tree()->indexWidget(denied.siblingAtColumn(DuplicatesModel::actionColumn)));
+            QVERIFY(reveal != nullptr);
+            QCOMPARE(reveal->text(), revealText());
+        }
+        QCOMPARE(tracked.siblingAtColumn(DuplicatesModel::noteColumn).data().toString(),
+                 QString::fromStdString(std::string(
+                     denyText(VaultDenyReason::gitWorkingTree, DenyTextForm::compact))));
+        QVERIFY(model.setData(backup, Qt::Checked, Qt::CheckStateRole));
+        shoot("duplicates");
+
+        acceptNextDialog();
+        QTest::mouseClick(page->moveButton(), Qt::LeftButton);
+        QTRY_VERIFY_WITH_TIMEOUT(page->banner()->text().startsWith("Moved 1 item"), 30000);
+        QVERIFY(!std::filesystem::exists(h + "/Backups/old-laptop/holiday.mov"));
+        for (const char* stays :
+             {"/Documents/holiday.mov", "/Downloads/holiday.mov", "/Projects/site/holiday.mov"}) {
+            QVERIFY2(std::filesystem::exists(h + stays), stays);
+        }
+        QCOMPARE(test::checksums({h + "/Documents"}), sums);
+        std::string trashed =
+            test::runShell("find " + test::shellQuote(h + "/.local/share/Trash/files") +
+                           " -name 'holiday*.mov' -exec sha256sum {} +")
+                .output;
+        std::string kept =
+            test::runShell("sha256sum " + test::shellQuote(h + "/Documents/holiday.mov")).output;
+        QVERIFY2(trashed.substr(0, 64) == kept.substr(0, 64), trashed.c_str());
+        shoot("duplicates-moved");
+    }
+
+    void largeOldListsWithEvidence() {
+        const std::string& h = test::fixtureHome();
+        // Files last touched 600 days before a "now" 500 days ahead: long unopened by then.
+        test::runShell(
+            "cd " + test::shellQuote(h) +
+            " && mkdir -p Videos Documents"
+            " && head -c 53000000 /dev/zero | tr '\\0' v > 'Videos/2019 trip.mkv'"
+            " && head -c 54000000 /dev/zero | tr '\\0' d > Documents/old-laptop.zip"
+            " && touch -d '100 days ago' 'Videos/2019 trip.mkv' Documents/old-laptop.zip");
+        LargeOldOptions options;
+        options.now = std::chrono::system_clock::now() + std::chrono::hours(24 * 500);
+        window_->showScreen(MainWindow::Screen::largeOld);
+        ReviewPage* page = window_->largeOldPage();
+        page->setLargeOldOptions(options);
+        QTest::mouseClick(page->searchButton(), Qt::LeftButton);
+        QTRY_VERIFY_WITH_TIMEOUT(!page->runner().isRunning(), 60000);
+        QAbstractItemModel& model = page->model();
+        QCOMPARE(model.rowCount(), 2);
+        // Biggest first: the zip in Documents, which stays where it is.
+        QModelIndex zip = model.index(0, 0);
+        QModelIndex video = model.index(1, 0);
+        QVERIFY(zip.data(pathRole).toString().endsWith("old-laptop.zip"));
+        QVERIFY(zip.data(deniedRole).toBool());
+        QVERIFY(!zip.data(Qt::CheckStateRole).isValid());
+        QVERIFY(page->tree()->indexWidget(zip.siblingAtColumn(LargeOldModel::actionColumn)));
+        QCOMPARE(video.data(Qt::CheckStateRole).value<Qt::CheckState>(), Qt::Unchecked);
+        QVERIFY(video.siblingAtColumn(LargeOldModel::openedColumn)
+                    .data()
+                    .toString()
+                    .startsWith("Not opened since"));
+        QVERIFY(model.setData(video, Qt::Checked, Qt::CheckStateRole));
+        QVERIFY(page->moveButton()->isEnabled());
+        shoot("large-old");
     }
 
     void settingsAndActivityScreens() {

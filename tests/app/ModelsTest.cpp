@@ -2,6 +2,7 @@
 
 #include "AppTestMain.h"
 #include "Fixture.h"
+#include "app/ReviewPages.h"
 #include "app/Workers.h"
 
 #include <QAbstractItemModelTester>
@@ -247,6 +248,94 @@ private slots:
         QVERIFY(reader.skippedTargets().empty());
         QVERIFY(!state.store.string(sweepSkippedKey).has_value());
         QCOMPARE(python.data(noteRole).toString(), q(broughtBackText));
+    }
+
+    void duplicatesKeepTheKeepCopyAndDeniedCopiesUntickable() {
+        auto copy = [](const std::string& path, std::vector<std::string> shared = {}) {
+            DuplicateFile f;
+            f.path = path;
+            f.sharedWith = std::move(shared);
+            f.physicalBytes = 2'000'000;
+            return f;
+        };
+        DuplicateGroup group;
+        group.id = "ab12";
+        group.size = 2'000'000;
+        group.files = {copy("/h/Documents/a.bin"), copy("/h/Downloads/a.bin"),
+                       copy("/h/Downloads/linked.bin", {"/h/Downloads/hard.bin"}),
+                       copy("/h/Projects/site/a.bin")};
+        group.suggestedKeep = "/h/Documents/a.bin";
+        ReviewState<DuplicateReport> state;
+        state.report = DuplicateReport{};
+        state.report->groups = {group};
+        state.denied["/h/Projects/site/a.bin"] = VaultDenyReason::gitWorkingTree;
+        DuplicatesModel model(state, homePolicy());
+        QAbstractItemModelTester tester(&model,
+                                        QAbstractItemModelTester::FailureReportingMode::QtTest);
+        QModelIndex top = model.index(0, 0);
+        QCOMPARE(model.rowCount(top), 4);
+        QCOMPARE(top.siblingAtColumn(DuplicatesModel::noteColumn).data().toString(),
+                 QStringLiteral("2.0 MB to give back")); // only the one removable copy
+
+        struct Row {
+            int row;
+            bool tickable;
+            QString note;
+        };
+        const Row rows[]{
+            {0, false, q(duplicateText::keptCopy)},
+            {1, true, QString()},
+            {2, false, q(duplicateText::sharedCopy)},
+            {3, false, q(denyText(VaultDenyReason::gitWorkingTree, DenyTextForm::compact))},
+        };
+        for (const Row& r : rows) {
+            QModelIndex at = model.index(r.row, 0, top);
+            QCOMPARE(at.flags().testFlag(Qt::ItemIsUserCheckable), r.tickable);
+            QCOMPARE(at.data(Qt::CheckStateRole).isValid(), r.tickable);
+            QCOMPARE(model.setData(at, Qt::Checked, Qt::CheckStateRole), r.tickable);
+            QCOMPARE(at.siblingAtColumn(DuplicatesModel::noteColumn).data().toString(), r.note);
+        }
+        QVERIFY(model.index(0, 0, top).data().toString().startsWith("Keep"));
+        QVERIFY(model.index(3, 0, top).data(deniedRole).toBool());
+        QCOMPARE(state.ticked, std::set<std::string>{"/h/Downloads/a.bin"});
+
+        // A copy that went to the Trash says so and cannot be ticked again.
+        state.moved.insert("/h/Downloads/a.bin");
+        QVERIFY(!model.index(1, 0, top).flags().testFlag(Qt::ItemIsUserCheckable));
+        QCOMPARE(model.index(1, DuplicatesModel::noteColumn, top).data().toString(),
+                 QStringLiteral("In the Trash"));
+    }
+
+    void largeOldRowsShowTheirEvidence() {
+        LargeOldItem video;
+        video.path = "/h/Videos/trip.mkv";
+        video.physicalBytes = 60'000'000;
+        video.kind = LargeOldKind::video;
+        video.evidence = {EvidenceKind::fileTimesOnly, 1'600'000'000};
+        LargeOldItem kept = video;
+        kept.path = "/h/.ssh/backup.img";
+        kept.evidence = {EvidenceKind::opened, 1'500'000'000};
+        ReviewState<LargeOldReport> state;
+        state.report = LargeOldReport{};
+        state.report->items = {video, kept};
+        state.denied[kept.path] = VaultDenyReason::protectedUserDir;
+        LargeOldModel model(state);
+        QAbstractItemModelTester tester(&model,
+                                        QAbstractItemModelTester::FailureReportingMode::QtTest);
+        QCOMPARE(model.index(0, LargeOldModel::openedColumn).data().toString(),
+                 QString::fromStdString(evidenceText(video.evidence)));
+        QCOMPARE(model.index(1, LargeOldModel::openedColumn).data().toString(),
+                 QString::fromStdString(evidenceText(kept.evidence)));
+        QCOMPARE(model.index(0, LargeOldModel::folderColumn).data().toString(),
+                 QStringLiteral("/h/Videos"));
+        // Nothing starts ticked; the denied row has no tick and says why.
+        QCOMPARE(model.index(0, 0).data(Qt::CheckStateRole).value<Qt::CheckState>(), Qt::Unchecked);
+        QVERIFY(!model.index(1, 0).data(Qt::CheckStateRole).isValid());
+        QVERIFY(!model.setData(model.index(1, 0), Qt::Checked, Qt::CheckStateRole));
+        QCOMPARE(model.index(1, 0).data(noteRole).toString(),
+                 q(denyText(VaultDenyReason::protectedUserDir)));
+        QVERIFY(model.setData(model.index(0, 0), Qt::Checked, Qt::CheckStateRole));
+        QCOMPARE(state.ticked, std::set<std::string>{video.path});
     }
 };
 
