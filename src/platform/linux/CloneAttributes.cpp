@@ -36,6 +36,12 @@ bool deviceCanShareBlocks(int parentFd, std::uint64_t device) {
             return found->second;
         }
     }
+    // The answer is cached per device, so it must come from a descriptor on that device: a
+    // mount point's parent folder lives on another file system.
+    struct stat dir {};
+    if (::fstat(parentFd, &dir) != 0 || static_cast<std::uint64_t>(dir.st_dev) != device) {
+        return true;
+    }
     struct statfs fs {};
     if (::fstatfs(parentFd, &fs) != 0) {
         return false;
