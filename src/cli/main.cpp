@@ -1,4 +1,5 @@
 #include "cli/MeasureCommand.h"
+#include "cli/SpaceCommand.h"
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
@@ -14,6 +15,7 @@ int main(int argc, char** argv) {
     app.require_subcommand(1);
     int exitStatus = 0;
     sd::cli::addMeasureCommand(app, exitStatus);
+    sd::cli::addSpaceCommand(app, exitStatus);
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp& e) {
