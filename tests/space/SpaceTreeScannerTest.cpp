@@ -228,7 +228,8 @@ TEST(SpaceScan, DeepFileLandsInItsCollapsedDepthSixAncestorAndIsStreamedEarly) {
     EXPECT_EQ(deepestNode(r.tree.root), 6);
     const SpaceNode* node = &r.tree.root;
     for (int depth = 1; depth <= 6; ++depth) {
-        node = childNamed(*node, "d" + std::to_string(depth));
+        const std::string& level = levels[static_cast<size_t>(depth - 1)];
+        node = childNamed(*node, level.substr(level.rfind('/') + 1));
         ASSERT_NE(node, nullptr) << "depth " << depth;
         EXPECT_EQ(node->bytes, blocksOf(file));
         EXPECT_EQ(node->path, levels[static_cast<size_t>(depth - 1)]);
