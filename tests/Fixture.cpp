@@ -116,7 +116,7 @@ std::uint64_t peerAllocatedBytes(const std::string& path, int maxDepth) {
     std::string depth = maxDepth >= 0 ? " -maxdepth " + std::to_string(maxDepth) : "";
     CommandResult r = runShell("find " + shellQuote(path) + depth +
                                " -type f -printf '%D:%i %b\\n' | sort -u | "
-                               "awk '{s += $2} END {printf \"%d\", s * 512}'");
+                               "awk '{s += $2} END {printf \"%.0f\", s * 512}'");
     if (r.status != 0) {
         throw std::runtime_error("find failed for " + path);
     }

@@ -166,4 +166,81 @@ void reflinkCopy(const std::string& from, const std::string& to) {
     }
 }
 
+std::unique_ptr<LoopVolume> LoopVolume::mount(const std::string& type,
+                                              const std::string& mountPoint, std::string& whyNot) {
+    if (::geteuid() != 0) {
+        whyNot = "Mounting a loop " + type + " image needs root, and this test runs as uid " +
+                 std::to_string(::geteuid()) + ".";
+        return nullptr;
+    }
+    const std::string mkfs = "mkfs." + type;
+    if (!haveTool(mkfs)) {
+        whyNot = mkfs + " is not installed, so no " + type + " image can be made.";
+        return nullptr;
+    }
+    if (::access("/dev/loop-control", F_OK) != 0 && ::access("/dev/loop0", F_OK) != 0) {
+        whyNot = "No loop device is available: neither /dev/loop-control nor /dev/loop0 exists.";
+        return nullptr;
+    }
+    std::string folder = freshFolder("LoopImage");
+    std::string image = folder + "/" + type + ".img";
+    // mkfs.btrfs wants at least about 110 MiB; the image is sparse, so this costs little.
+    CommandResult made = runShell("truncate -s 160M " + shellQuote(image) + " && " + mkfs + " -q " +
+                                  (type == "ext4" ? "-F " : "") + shellQuote(image) + " 2>&1");
+    if (made.status != 0) {
+        whyNot = mkfs + " could not format a loop image: " + trimmed(made.output);
+        return nullptr;
+    }
+    makeDirs(mountPoint);
+    CommandResult mounted =
+        runShell("mount -o loop " + shellQuote(image) + " " + shellQuote(mountPoint) + " 2>&1");
+    if (mounted.status != 0) {
+        ::unlink(image.c_str());
+        whyNot = "This machine does not permit loop-mounting a " + type +
+                 " image (mount said: " + trimmed(mounted.output) + ").";
+        return nullptr;
+    }
+    // From here the destructor owns the unmount, whatever goes wrong next.
+    std::unique_ptr<LoopVolume> volume(new LoopVolume(folder, image, mountPoint));
+    if (!isMountPoint(mountPoint)) {
+        whyNot = "mount reported success but nothing new answers at " + mountPoint + ".";
+        return nullptr;
+    }
+    return volume;
+}
+
+LoopVolume::~LoopVolume() {
+    // A mount left behind would make the fixture root's teardown refuse to cross it and would
+    // hold a loop device after the process ends, so this tries hard, and lazily as a last resort.
+    for (int attempt = 0; attempt < 50 && isMountPoint(mountPoint_); ++attempt) {
+        if (::umount2(mountPoint_.c_str(), 0) == 0 || errno != EBUSY) {
+            break;
+        }
+        ::usleep(100'000);
+    }
+    if (isMountPoint(mountPoint_)) {
+        ::umount2(mountPoint_.c_str(), MNT_DETACH);
+    }
+    try {
+        // mount -o loop sets autoclear, but a lazily detached mount can keep the device.
+        runShell("losetup -n -O NAME -j " + shellQuote(image_) +
+                 " 2>/dev/null | xargs -r -n1 losetup -d 2>/dev/null");
+    } catch (const std::exception&) {
+        // Nothing more can be done from a destructor.
+    }
+    ::unlink(image_.c_str());
+    ::rmdir(imageFolder_.c_str());
+}
+
+void LoopVolume::sync() const {
+    int fd = ::open(mountPoint_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0 || ::syncfs(fd) != 0) {
+        if (fd >= 0) {
+            ::close(fd);
+        }
+        throw std::runtime_error("syncfs " + mountPoint_ + " failed");
+    }
+    ::close(fd);
+}
+
 } // namespace sd::test

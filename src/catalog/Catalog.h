@@ -1,5 +1,7 @@
 #pragma once
 
+#include "catalog/DistributionMode.h"
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -10,7 +12,6 @@ namespace sd {
 
 enum class RiskLevel { safe, disruptive };
 enum class RiskTier { rebuildsInstantly, largeRedownload, irreplaceable };
-enum class DistributionMode { appStore, direct };
 
 std::string_view riskLevelName(RiskLevel risk);
 std::string_view riskTierName(RiskTier tier);

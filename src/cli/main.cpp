@@ -2,6 +2,7 @@
 #include "cli/ReclaimCommands.h"
 #include "cli/ReviewCommands.h"
 #include "cli/SweepCommands.h"
+#include "cli/SpaceCommand.h"
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
@@ -25,6 +26,7 @@ int main(int argc, char** argv) {
     sd::cli::addPutBackCommand(app, exitStatus);
     sd::cli::addDuplicatesCommand(app, exitStatus);
     sd::cli::addLargeOldCommand(app, exitStatus);
+    sd::cli::addSpaceCommand(app, exitStatus);
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp& e) {

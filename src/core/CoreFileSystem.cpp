@@ -418,8 +418,10 @@ Footprint measureFootprint(std::string_view path, std::optional<EntryIdentity> e
         throw CleanerError::safety("Changed since it was measured: " + std::string(path));
     }
 
-    const bool askClones =
-        platform::mayShareBlocks(parent->fd.get(), static_cast<std::uint64_t>(rootStat->st_dev));
+    // Whether to ask about shared blocks is a question for the file system the root lives on,
+    // which for a mount point is not the one its parent folder is on: it is settled below with
+    // the root's own descriptor once that is open.
+    bool askClones = false;
     auto countFile = [&](int dirFd, const char* name, const struct stat& st,
                          const std::string& dirPath) {
         footprint.fileCount = saturatingAdd(footprint.fileCount, 1);
@@ -448,7 +450,9 @@ Footprint measureFootprint(std::string_view path, std::optional<EntryIdentity> e
     };
 
     std::string pathText(path);
+    const auto rootDevice = static_cast<std::uint64_t>(rootStat->st_dev);
     if (S_ISREG(rootStat->st_mode)) {
+        askClones = platform::mayShareBlocks(parent->fd.get(), rootDevice);
         std::string dirPath = pathText.substr(0, pathText.size() - parent->name.size() - 1);
         countFile(parent->fd.get(), parent->name.c_str(), *rootStat,
                   dirPath.empty() ? "/" : dirPath);
@@ -467,7 +471,7 @@ Footprint measureFootprint(std::string_view path, std::optional<EntryIdentity> e
         return footprint;
     }
     parent.reset();
-    const dev_t rootDevice = rootStat->st_dev;
+    askClones = platform::mayShareBlocks(rootFd.get(), rootDevice);
     footprint.directoryCount = 1;
 
     std::vector<FootprintFrame> stack;
@@ -499,7 +503,7 @@ Footprint measureFootprint(std::string_view path, std::optional<EntryIdentity> e
         if (!S_ISDIR(st.st_mode)) {
             continue; // links are not followed; devices, pipes and sockets hold no blocks
         }
-        if (st.st_dev != rootDevice) {
+        if (static_cast<std::uint64_t>(st.st_dev) != rootDevice) {
             warnings.push_back("Skipped mounted filesystem: " + childPath(frame.path, name));
             continue;
         }

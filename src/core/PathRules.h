@@ -143,7 +143,9 @@ std::vector<std::string_view> allAppDataLocations();
 
 } // namespace scope
 
-// Splits a normalized path into its components ("/a/b" gives "a", "b").
+// Splits a normalized path into its components ("/a/b" gives "a", "b"). The views point into
+// `path`, so a temporary string is refused at compile time.
 std::vector<std::string_view> splitComponents(std::string_view path);
+std::vector<std::string_view> splitComponents(std::string&& path) = delete;
 
 } // namespace sd

@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 #include <sys/stat.h>
+#include <vector>
 
 namespace sd::platform {
 
@@ -33,5 +34,28 @@ bool mayShareBlocks(int dirFd, std::uint64_t device);
 // word "Reading clone attributes for" when the file system refuses the question.
 CloneReading readCloneAttributes(int parentFd, const char* name, const std::string& path,
                                  const struct stat& st);
+
+// One piece of storage a file may share with other files: on Linux a shared extent, keyed by its
+// physical offset and length; on macOS the file's clone family, keyed by its clone id. Two files
+// that report the same key on one device hold the same `bytes` once between them.
+struct SharedPiece {
+    std::uint64_t key = 0;
+    std::uint64_t length = 0;
+    std::uint64_t bytes = 0;
+    friend bool operator==(const SharedPiece&, const SharedPiece&) = default;
+};
+
+enum class SharedPiecesOutcome {
+    read,     // `pieces` holds what the file shares (nothing when it shares nothing)
+    vanished, // the entry was gone by the time it was opened
+    changed,  // another object now answers to the name that was listed
+};
+
+// The pieces of storage the regular file `name` in the open directory `parentFd` shares with
+// other files, appended to `pieces`. `st` is the entry's no-follow stat, taken just before; a
+// file system that never shares blocks answers at once with nothing. Throws CleanerError with
+// the operation word "Reading clone attributes for" when the file system refuses the question.
+SharedPiecesOutcome readSharedPieces(int parentFd, const char* name, const std::string& path,
+                                     const struct stat& st, std::vector<SharedPiece>& pieces);
 
 } // namespace sd::platform

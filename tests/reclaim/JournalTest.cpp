@@ -168,6 +168,8 @@ TEST(PutBack, ReturnsItemsExactlyWhereTheyWereOrSaysWhyNot) {
     // was replaced inside the Trash by a different object of the same name.
     ASSERT_EQ(test::runShell("rm -r " + test::shellQuote(dir + "/deep")).status, 0);
     test::writeFile(dir + "/occupied", "newcomer");
+    // The original stays linked elsewhere, so the impostor cannot reuse its inode number.
+    test::makeHardlink(moved.items[2].trashPath, dir + "/swapped-original");
     ASSERT_EQ(::unlink(moved.items[2].trashPath.c_str()), 0);
     test::writeFile(moved.items[2].trashPath, "impostor");
 

@@ -67,6 +67,48 @@ struct FiemapBuffer {
     }
 };
 
+// Calls `visit` with every extent of the open file `fd` that the file system marks as shared
+// with another file. False when the file system cannot map extents at all.
+template <typename Visit> bool forEachSharedExtent(int fd, const std::string& path, Visit visit) {
+    FiemapBuffer buffer{};
+    struct fiemap* request = buffer.header();
+    std::uint64_t start = 0;
+    for (;;) {
+        std::memset(buffer.bytes, 0, sizeof buffer.bytes);
+        request->fm_start = start;
+        request->fm_length = FIEMAP_MAX_OFFSET - start;
+        request->fm_extent_count = extentBatch;
+        if (::ioctl(fd, FS_IOC_FIEMAP, request) != 0) {
+            int error = errno;
+            if (error == EOPNOTSUPP || error == ENOTTY) {
+                return false;
+            }
+            throw makeCoreError(operation::readingCloneAttributes, path, error);
+        }
+        unsigned count = request->fm_mapped_extents;
+        if (count == 0) {
+            return true;
+        }
+        bool last = false;
+        for (unsigned i = 0; i < count && i < extentBatch; ++i) {
+            const fiemap_extent& extent = request->fm_extents[i];
+            last = last || (extent.fe_flags & FIEMAP_EXTENT_LAST) != 0;
+            // Inline data lives in metadata, and unknown or delayed extents have no place on
+            // disk yet: none of them can be shared.
+            constexpr unsigned placeless =
+                FIEMAP_EXTENT_UNKNOWN | FIEMAP_EXTENT_DATA_INLINE | FIEMAP_EXTENT_DELALLOC;
+            if ((extent.fe_flags & placeless) == 0 && (extent.fe_flags & FIEMAP_EXTENT_SHARED)) {
+                visit(extent);
+            }
+        }
+        const fiemap_extent& tail = request->fm_extents[std::min(count, extentBatch) - 1];
+        start = tail.fe_logical + tail.fe_length;
+        if (last || count < extentBatch) {
+            return true;
+        }
+    }
+}
+
 } // namespace
 
 bool mayShareBlocks(int dirFd, std::uint64_t device) {
@@ -102,47 +144,54 @@ CloneReading readCloneAttributes(int parentFd, const char* name, const std::stri
     reading.device = static_cast<std::uint64_t>(opened.st_dev);
     reading.inode = static_cast<std::uint64_t>(opened.st_ino);
 
-    FiemapBuffer buffer{};
-    struct fiemap* request = buffer.header();
     std::uint64_t shared = 0;
-    std::uint64_t start = 0;
-    for (;;) {
-        std::memset(buffer.bytes, 0, sizeof buffer.bytes);
-        request->fm_start = start;
-        request->fm_length = FIEMAP_MAX_OFFSET - start;
-        request->fm_extent_count = extentBatch;
-        if (::ioctl(fd.get(), FS_IOC_FIEMAP, request) != 0) {
-            int error = errno;
-            if (error == EOPNOTSUPP || error == ENOTTY) {
-                return CloneReading{reading.device, reading.inode, {}, {}, {}, false};
-            }
-            throw makeCoreError(operation::readingCloneAttributes, path, error);
-        }
-        unsigned count = request->fm_mapped_extents;
-        if (count == 0) {
-            break;
-        }
-        bool last = false;
-        for (unsigned i = 0; i < count && i < extentBatch; ++i) {
-            const fiemap_extent& extent = request->fm_extents[i];
-            last = last || (extent.fe_flags & FIEMAP_EXTENT_LAST) != 0;
-            // Inline data lives in metadata, and unknown or delayed extents have no place on
-            // disk yet: none of them can be shared.
-            constexpr unsigned placeless =
-                FIEMAP_EXTENT_UNKNOWN | FIEMAP_EXTENT_DATA_INLINE | FIEMAP_EXTENT_DELALLOC;
-            if ((extent.fe_flags & placeless) == 0 && (extent.fe_flags & FIEMAP_EXTENT_SHARED)) {
-                shared = saturatingAdd(shared, extent.fe_length);
-            }
-        }
-        const fiemap_extent& tail = request->fm_extents[std::min(count, extentBatch) - 1];
-        start = tail.fe_logical + tail.fe_length;
-        if (last || count < extentBatch) {
-            break;
-        }
+    bool supported = forEachSharedExtent(fd.get(), path, [&](const fiemap_extent& extent) {
+        shared = saturatingAdd(shared, extent.fe_length);
+    });
+    if (!supported) {
+        return CloneReading{reading.device, reading.inode, {}, {}, {}, false};
     }
     std::uint64_t allocated = allocatedBytesOf(st);
     reading.privateBytes = shared >= allocated ? 0 : allocated - shared;
     return reading;
+}
+
+SharedPiecesOutcome readSharedPieces(int parentFd, const char* name, const std::string& path,
+                                     const struct stat& st, std::vector<SharedPiece>& pieces) {
+    if (!S_ISREG(st.st_mode) || st.st_blocks <= 0 ||
+        !deviceCanShareBlocks(parentFd, st.st_dev, false)) {
+        return SharedPiecesOutcome::read;
+    }
+    UniqueFd fd(
+        ::openat(parentFd, name, O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
+    if (!fd) {
+        int error = errno;
+        if (error == ENOENT) {
+            return SharedPiecesOutcome::vanished;
+        }
+        if (error == ELOOP) {
+            return SharedPiecesOutcome::changed;
+        }
+        // A file we may not read still has a size; whether it shares blocks is unknown, and it
+        // is counted as wholly its own.
+        if (error == EACCES || error == EPERM) {
+            return SharedPiecesOutcome::read;
+        }
+        throw makeCoreError(operation::readingCloneAttributes, path, error);
+    }
+    struct stat opened {};
+    if (::fstat(fd.get(), &opened) != 0) {
+        throw makeCoreError(operation::readingCloneAttributes, path, errno);
+    }
+    if (opened.st_dev != st.st_dev || opened.st_ino != st.st_ino) {
+        return SharedPiecesOutcome::changed;
+    }
+    // Each shared extent is one piece: the blocks at that physical place are the same blocks
+    // whichever file reports them.
+    forEachSharedExtent(fd.get(), path, [&](const fiemap_extent& extent) {
+        pieces.push_back({extent.fe_physical, extent.fe_length, extent.fe_length});
+    });
+    return SharedPiecesOutcome::read;
 }
 
 } // namespace sd::platform

@@ -80,4 +80,30 @@ CloneReading readCloneAttributes(int parentFd, const char* name, const std::stri
     return reading;
 }
 
+SharedPiecesOutcome readSharedPieces(int parentFd, const char* name, const std::string& path,
+                                     const struct stat& st, std::vector<SharedPiece>& pieces) {
+    if (!S_ISREG(st.st_mode) || st.st_blocks <= 0) {
+        return SharedPiecesOutcome::read;
+    }
+    CloneReading reading = readCloneAttributes(parentFd, name, path, st);
+    if (reading.vanished) {
+        return SharedPiecesOutcome::vanished;
+    }
+    if (!reading.device || !reading.inode) {
+        return SharedPiecesOutcome::read;
+    }
+    if (*reading.device != static_cast<std::uint64_t>(st.st_dev) ||
+        *reading.inode != static_cast<std::uint64_t>(st.st_ino)) {
+        return SharedPiecesOutcome::changed;
+    }
+    // APFS names a clone family but not its blocks: the family is one piece, holding what the
+    // file does not have to itself.
+    std::uint64_t allocated = allocatedBytesOf(st);
+    if (reading.cloneId && reading.cloneReferences.value_or(1) >= 2 && reading.privateBytes &&
+        *reading.privateBytes < allocated) {
+        pieces.push_back({*reading.cloneId, 0, allocated - *reading.privateBytes});
+    }
+    return SharedPiecesOutcome::read;
+}
+
 } // namespace sd::platform

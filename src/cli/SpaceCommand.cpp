@@ -1,0 +1,219 @@
+#include "cli/SpaceCommand.h"
+
+#include "cli/Terminal.h"
+#include "core/ByteFormat.h"
+#include "core/CleanerError.h"
+#include "core/PathRules.h"
+#include "space/SpaceTreeScanner.h"
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <iostream>
+#include <memory>
+#include <mutex>
+#include <nlohmann/json.hpp>
+
+namespace sd::cli {
+namespace {
+
+struct SpaceOptions {
+    std::string path;
+    bool json = false;
+    std::optional<double> budget;
+    int depth = defaultSpaceScanOptions.maxDepth;
+};
+
+// Hears the scan on its own thread and hands the news to the line the terminal redraws.
+class TerminalCallback : public SpaceScanCallback {
+public:
+    explicit TerminalCallback(const CoreCancellationState& cancellation)
+        : cancellation_(cancellation) {}
+
+    void onProgress(const SpaceProgressEvent& event) override {
+        std::lock_guard guard(lock_);
+        if (event.kind == SpaceProgressEvent::Kind::bigItem) {
+            found_.push_back("Found " + formatBytes(event.bytes) + " in " + event.path);
+        } else if (event.kind == SpaceProgressEvent::Kind::progress) {
+            status_ = "Scanning… " + event.text;
+        }
+    }
+    bool isCancelled() const noexcept override { return cancellation_.isCancelled(); }
+
+    // Big finds since the last call, each on a line of its own, then the status.
+    std::string drain() {
+        std::lock_guard guard(lock_);
+        std::string out;
+        for (const std::string& line : found_) {
+            out += line + "\n";
+        }
+        found_.clear();
+        return out + status_;
+    }
+
+private:
+    const CoreCancellationState& cancellation_;
+    std::mutex lock_;
+    std::vector<std::string> found_;
+    std::string status_ = "Scanning…";
+};
+
+nlohmann::json toJson(const SpaceNode& node) {
+    nlohmann::json children = nlohmann::json::array();
+    for (const SpaceNode& child : node.children) {
+        children.push_back(toJson(child));
+    }
+    return {{"name", node.name},
+            {"path", node.path},
+            {"kind", node.kind == SpaceNode::Kind::directory ? "directory" : "file"},
+            {"bytes", node.bytes},
+            {"fileCount", node.fileCount},
+            {"latestChange", node.latestChange},
+            {"children", std::move(children)},
+            {"otherBytes", node.otherBytes},
+            {"otherCount", node.otherCount},
+            {"isCollapsed", node.isCollapsed},
+            {"isComplete", node.isComplete}};
+}
+
+nlohmann::json toJson(const SpaceScanResult& result) {
+    nlohmann::json findings = nlohmann::json::array();
+    for (const Finding& f : result.openScan.topFindings) {
+        findings.push_back({{"path", f.path},
+                            {"bytes", f.bytes},
+                            {"isDirectory", f.isDirectory},
+                            {"fileCount", f.fileCount},
+                            {"latestChange", f.latestChange}});
+    }
+    nlohmann::json out{
+        {"tree",
+         {{"root", toJson(result.tree.root)},
+          {"isTruncated", result.tree.isTruncated},
+          {"warnings", result.tree.warnings},
+          {"scannedNodeCount", result.tree.scannedNodeCount},
+          {"durationMs", result.tree.durationMs}}},
+        {"openScan",
+         {{"totalPhysicalBytes", result.openScan.totalPhysicalBytes},
+          {"cloneSharedBytes", result.openScan.cloneSharedBytes},
+          {"topFindings", std::move(findings)},
+          {"scannedNodeCount", result.openScan.scannedNodeCount},
+          {"warnings", result.openScan.warnings},
+          {"durationMs", result.openScan.durationMs}}},
+    };
+    if (result.rootError) {
+        out["rootError"] = {{"kind", kindName(result.rootError->kind())},
+                            {"message", result.rootError->what()}};
+    }
+    return out;
+}
+
+// A bar of `width` cells filled in proportion to `share` (0 to 1).
+std::string bar(double share, int width = 20) {
+    int filled = static_cast<int>(share * width + 0.5);
+    filled = std::clamp(filled, share > 0 ? 1 : 0, width);
+    std::string out;
+    for (int i = 0; i < width; ++i) {
+        out += i < filled ? "█" : "░";
+    }
+    return out;
+}
+
+void printLine(double share, std::uint64_t bytes, int indent, const std::string& label) {
+    std::printf("%s %5.1f%% %10s  %*s%s\n", bar(share).c_str(), share * 100,
+                formatBytes(bytes).c_str(), indent * 2, "", label.c_str());
+}
+
+void printNode(const SpaceNode& node, std::uint64_t whole, int indent) {
+    auto shareOf = [whole](std::uint64_t bytes) {
+        return whole == 0 ? 0.0 : static_cast<double>(bytes) / static_cast<double>(whole);
+    };
+    for (const SpaceNode& child : node.children) {
+        std::string label = child.name;
+        if (child.kind == SpaceNode::Kind::directory) {
+            label += "/";
+            if (child.isCollapsed) {
+                label += " (" + formatCount(child.otherCount) +
+                         (child.otherCount == 1 ? " item" : " items") + " inside)";
+            }
+        }
+        if (!child.isComplete) {
+            label += " (incomplete)";
+        }
+        printLine(shareOf(child.bytes), child.bytes, indent, label);
+        printNode(child, whole, indent + 1);
+    }
+    std::string note = otherShareNote(node);
+    if (!note.empty()) {
+        printLine(shareOf(node.otherBytes), node.otherBytes, indent, "… " + note);
+    }
+}
+
+void printHuman(const SpaceScanResult& result, double budget, int depth) {
+    const SpaceTree& tree = result.tree;
+    const SpaceNode& root = tree.root;
+    if (result.rootError) {
+        std::printf("%s\n", root.path.c_str());
+        for (const std::string& warning : tree.warnings) {
+            std::printf("  %s\n", warning.c_str());
+        }
+        std::printf("  Nothing was measured.\n");
+        return;
+    }
+    std::string status = spaceStatusLine(tree, budget, depth);
+    std::printf("%s — %s in %s %s.%s%s\n", root.path.c_str(), formatBytes(root.bytes).c_str(),
+                formatCount(root.fileCount).c_str(), root.fileCount == 1 ? "file" : "files",
+                tree.isTruncated ? " " : "", status.c_str());
+    printNode(root, root.bytes, 0);
+    std::printf("%s items scanned in %.1f s.\n", formatCount(tree.scannedNodeCount).c_str(),
+                static_cast<double>(tree.durationMs) / 1000.0);
+    for (const std::string& warning : tree.warnings) {
+        std::printf("! %s\n", warning.c_str());
+    }
+}
+
+} // namespace
+
+void addSpaceCommand(CLI::App& app, int& exitStatus) {
+    auto options = std::make_shared<SpaceOptions>();
+    CLI::App* command = app.add_subcommand(
+        "space", "Show what fills your home folder, biggest folders and files first (reads only)");
+    command->add_option("path", options->path, "A folder inside your home (default: the home)");
+    command->add_flag("--json", options->json, "Write the whole result as JSON");
+    command
+        ->add_option("--budget", options->budget,
+                     "Seconds the scan may take before it shows what it measured (default 30)")
+        ->check(CLI::NonNegativeNumber);
+    command
+        ->add_option("--depth", options->depth,
+                     "Levels of folders below the root shown as their own items (default 6)")
+        ->check(CLI::Range(1, SpaceTreeScanner::maxNestingDepth));
+    command->callback([options, &exitStatus] {
+        CoreCancellationState cancellation;
+        TerminalCallback callback(cancellation);
+        SpaceTreeScanner scanner;
+        scanner.options.maxDepth = options->depth;
+        scanner.budget = options->budget;
+        scanner.callback = &callback;
+        std::string root = options->path.empty() ? homeDirectory() : options->path;
+        SpaceScanResult result;
+        try {
+            runWithProgress([&] { result = scanner.scan(root); }, [&] { return callback.drain(); },
+                            cancellation);
+        } catch (const CleanerError& error) {
+            std::fprintf(stderr, "%s — nothing was measured.\n", error.what());
+            exitStatus = 1;
+            return;
+        }
+        if (result.rootError) {
+            exitStatus = 1;
+        }
+        if (options->json) {
+            std::cout << toJson(result).dump(2, ' ', false,
+                                             nlohmann::json::error_handler_t::replace)
+                      << "\n";
+        } else {
+            printHuman(result, scanner.effectiveBudget(), options->depth);
+        }
+    });
+}
+
+} // namespace sd::cli
