@@ -249,6 +249,9 @@ void CleanupPage::onCleaned(const CleanOutcome& outcome) {
     journal_.reload();
     const CleanResult& r = outcome.result;
     lastEntryID_ = r.journalEntryID;
+    if (!r.moved.empty()) {
+        emit movedToTrash(r.moved);
+    }
     if (outcome.verification) {
         catalog_.setScan(*outcome.verification);
         model_->refresh();

@@ -342,10 +342,12 @@ MainWindow::MainWindow(QWidget* parent)
     cleanup_ = new CleanupPage(catalog_, *journal_);
     activity_ = new ActivityPage(*journal_, catalog_.catalog);
     settings_ = new SettingsPage(catalog_);
+    spaceMap_ = new SpaceMapPage;
     largeOld_ = new ReviewPage(ReviewPage::Kind::largeOld, *journal_);
     duplicates_ = new ReviewPage(ReviewPage::Kind::duplicates, *journal_);
     addScreen(QStringLiteral("Sweep"), sweep_);
     addScreen(QStringLiteral("Cleanup"), cleanup_);
+    addScreen(QStringLiteral("Space Map"), spaceMap_);
     addHeading(QStringLiteral("Worth a look"));
     addScreen(QStringLiteral("Large & old"), largeOld_, true);
     addScreen(QStringLiteral("Duplicates"), duplicates_, true);
@@ -359,6 +361,14 @@ MainWindow::MainWindow(QWidget* parent)
         }
     });
     connect(settings_, &SettingsPage::leftOutChanged, cleanup_, &CleanupPage::refreshLeftOut);
+    // Whatever reaches the Trash from any screen patches the Space Map's tree in place.
+    auto patchMap = [this](const std::vector<MovedItem>& moved) {
+        spaceMap_->applyMoves(moved);
+    };
+    connect(sweep_, &SweepPage::movedToTrash, this, patchMap);
+    connect(cleanup_, &CleanupPage::movedToTrash, this, patchMap);
+    connect(largeOld_, &ReviewPage::movedToTrash, this, patchMap);
+    connect(duplicates_, &ReviewPage::movedToTrash, this, patchMap);
     connect(settings_, &SettingsPage::showIntroduction, this, &MainWindow::showIntroduction);
     connect(onboarding_, &OnboardingPage::finished, this, &MainWindow::finishIntroduction);
 
@@ -392,6 +402,9 @@ void MainWindow::showScreen(Screen screen) {
         break;
     case Screen::cleanup:
         page = cleanup_;
+        break;
+    case Screen::spaceMap:
+        page = spaceMap_;
         break;
     case Screen::largeOld:
         page = largeOld_;

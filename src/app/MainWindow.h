@@ -3,6 +3,7 @@
 #include "app/AppState.h"
 #include "app/Pages.h"
 #include "app/ReviewPages.h"
+#include "app/SpaceMapPage.h"
 #include "app/Workers.h"
 
 #include <QListWidget>
@@ -17,7 +18,7 @@ class MainWindow : public QMainWindow {
     Q_OBJECT
 
 public:
-    enum class Screen { sweep, cleanup, largeOld, duplicates, activity, settings };
+    enum class Screen { sweep, cleanup, spaceMap, largeOld, duplicates, activity, settings };
 
     explicit MainWindow(QWidget* parent = nullptr);
 
@@ -30,6 +31,7 @@ public:
     CleanupPage* cleanupPage() const noexcept { return cleanup_; }
     ActivityPage* activityPage() const noexcept { return activity_; }
     SettingsPage* settingsPage() const noexcept { return settings_; }
+    SpaceMapPage* spaceMapPage() const noexcept { return spaceMap_; }
     ReviewPage* largeOldPage() const noexcept { return largeOld_; }
     ReviewPage* duplicatesPage() const noexcept { return duplicates_; }
     OnboardingPage* onboardingPage() const noexcept { return onboarding_; }
@@ -51,6 +53,7 @@ private:
     CleanupPage* cleanup_;
     ActivityPage* activity_;
     SettingsPage* settings_;
+    SpaceMapPage* spaceMap_;
     ReviewPage* largeOld_;
     ReviewPage* duplicates_;
 };

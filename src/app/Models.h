@@ -11,17 +11,21 @@ namespace sd::app {
 
 enum ItemRole {
     subtitleRole = Qt::UserRole + 1,
-    bytesRole,     // quint64 allocated bytes
-    fractionRole,  // double 0…1 while measuring
-    tileStateRole, // TileState
-    noteRole,      // a short sentence under the row
-    kindRole,      // the tile kind as int, or the journal kind
-    pathRole,      // an absolute path, for "Show in Files"
-    groupRole,     // a journal item's row group
-    entryIDRole,   // the journal entry a row belongs to
-    inTrashRole,   // bool: still in the Trash
-    riskRole,      // RiskLevel as int
-    deniedRole,    // bool: the vault keeps this row's item in place
+    bytesRole,       // quint64 allocated bytes
+    fractionRole,    // double 0…1 while measuring
+    tileStateRole,   // TileState
+    noteRole,        // a short sentence under the row
+    kindRole,        // the tile kind as int, or the journal kind
+    pathRole,        // an absolute path, for "Show in Files"
+    groupRole,       // a journal item's row group
+    entryIDRole,     // the journal entry a row belongs to
+    inTrashRole,     // bool: still in the Trash
+    riskRole,        // RiskLevel as int
+    deniedRole,      // bool: the vault keeps this row's item in place
+    isOtherRole,     // bool: a space-tree row standing for its parent's small entries
+    isDirectoryRole, // bool
+    fileCountRole,   // quint64 files below a space-tree row
+    hasChildrenRole, // bool: a space-tree row with rows of its own
 };
 
 enum class TileState { waiting, measuring, measured, recorded, moved };

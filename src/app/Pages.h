@@ -61,6 +61,9 @@ public:
     void reclaimSelected();
     void putBackLast();
 
+signals:
+    void movedToTrash(const std::vector<sd::MovedItem>& moved);
+
 private:
     void onProgress();
     void onSwept(const std::shared_ptr<Sweep>& sweep);
@@ -115,6 +118,9 @@ public:
     void startClean();
     // The left-out marks changed in Settings.
     void refreshLeftOut();
+
+signals:
+    void movedToTrash(const std::vector<sd::MovedItem>& moved);
 
 private:
     std::vector<Target> selectedTargets() const;

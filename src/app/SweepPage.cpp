@@ -356,6 +356,16 @@ void SweepPage::onReclaimed(const SweepReclaimResult& result) {
     state_.selection.clear();
     lastEntryID_ = result.journalEntryID;
     journal_.reload();
+    if (result.journalEntryID) {
+        if (const JournalEntry* entry = journal_.journal().find(*result.journalEntryID)) {
+            std::vector<MovedItem> moved;
+            for (const TrashedItem& item : entry->items) {
+                moved.push_back(
+                    {item.originalPath, item.trashPath, item.bytes, item.identityToken});
+            }
+            emit movedToTrash(moved);
+        }
+    }
     QString detail;
     for (size_t i = 0; i < result.reclaimErrors.size() && i < 4; ++i) {
         detail += (i == 0 ? "" : "\n") + QString::fromStdString(result.reclaimErrors[i]);
