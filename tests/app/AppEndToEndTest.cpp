@@ -2,6 +2,7 @@
 #include "Fixture.h"
 #include "app/MainWindow.h"
 #include "app/ReviewPages.h"
+#include "app/SpaceMapPage.h"
 #include "app/Widgets.h"
 
 #include <QApplication>
@@ -100,6 +101,51 @@ private slots:
         QVERIFY(!again.introductionShown());
     }
 
+    void spaceMapScansHoversAndZooms() {
+        window_->showScreen(MainWindow::Screen::spaceMap);
+        SpaceMapPage* page = window_->spaceMapPage();
+        shoot("space-map-before");
+        // Stream anything of 3 MB or more while the scan runs, as 512 MiB would be on a real home.
+        page->setStreamMinimumBytes(3'000'000);
+        {
+#ifdef SPARROWDECK_TEST_HOOKS
+            // Hold one worker in the npm cache while the others find the big items.
+            test::WalkPause pause(test::fixtureHome() + "/.npm/");
+#endif
+            QTest::mouseClick(page->scanButton(), Qt::LeftButton);
+            QVERIFY(page->runner().isRunning());
+#ifdef SPARROWDECK_TEST_HOOKS
+            QTRY_VERIFY(pause.reached());
+            QTRY_VERIFY_WITH_TIMEOUT(page->bigItems()->count() > 0, 10000);
+            QVERIFY(page->runner().isRunning());
+            shoot("space-map-scanning");
+            pause.release();
+#endif
+            QTRY_VERIFY_WITH_TIMEOUT(!page->runner().isRunning(), 60000);
+        }
+        QVERIFY(page->state().tree().has_value());
+        const SpaceTree& tree = *page->state().tree();
+        QCOMPARE(tree.root.path, test::fixtureHome());
+        QVERIFY(page->statusText().contains("Measured whole — the map stops six levels down."));
+        shoot("space-map");
+
+        // Hovering names a wedge; clicking a folder's wedge zooms into it, the middle back out.
+        SunburstView* sunburst = page->sunburst();
+        QModelIndex cache = page->model().indexOfPath(test::fixtureHome() + "/.cache");
+        QCOMPARE(cache.data(pathRole).toString(),
+                 QString::fromStdString(test::fixtureHome() + "/.cache"));
+        std::optional<QPointF> at = sunburst->centreOf(cache);
+        QVERIFY(at.has_value());
+        QTest::mouseMove(sunburst, at->toPoint());
+        QCOMPARE(sunburst->indexAt(*at), cache);
+        QTest::mouseClick(sunburst, Qt::LeftButton, {}, at->toPoint());
+        QCOMPARE(sunburst->rootIndex(), cache);
+        QVERIFY(page->revealButton()->isEnabled());
+        shoot("space-map-zoomed");
+        QTest::mouseClick(sunburst, Qt::LeftButton, {}, sunburst->rect().center());
+        QCOMPARE(sunburst->rootIndex(), page->model().index(0, 0));
+    }
+
     void sweepReclaimAndPutBack() {
         SweepPage* page = window_->sweepPage();
         window_->showScreen(MainWindow::Screen::sweep);
@@ -160,6 +206,15 @@ private slots:
         QTRY_VERIFY_WITH_TIMEOUT(!page->runner().isRunning(), 60000);
         QVERIFY2(page->banner()->text().startsWith("Moved"), qPrintable(page->banner()->text()));
         shoot("sweep-reclaimed");
+
+        // The Space Map lost the moved caches without scanning again.
+        SpaceMapPage* map = window_->spaceMapPage();
+        QVERIFY(map->state().isStale());
+        for (const std::string& folder : developer) {
+            QVERIFY(map->model().indexOfPath(folder).data(pathRole).toString().toStdString() !=
+                    folder);
+        }
+        QVERIFY(map->statusText().contains("Updated for what moved to the Trash since"));
 
         // The developer caches are in the Trash, byte for byte, and nothing else moved.
         for (const std::string& folder : developer) {

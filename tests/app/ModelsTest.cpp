@@ -3,6 +3,7 @@
 #include "AppTestMain.h"
 #include "Fixture.h"
 #include "app/ReviewPages.h"
+#include "app/SpaceMapPage.h"
 #include "app/Workers.h"
 
 #include <QAbstractItemModelTester>
@@ -336,6 +337,63 @@ private slots:
                  q(denyText(VaultDenyReason::protectedUserDir)));
         QVERIFY(model.setData(model.index(0, 0), Qt::Checked, Qt::CheckStateRole));
         QCOMPARE(state.ticked, std::set<std::string>{video.path});
+    }
+
+    void spaceTreeRowsPointAtTheTreeAndItsOtherShares() {
+        auto node = [](std::string path, std::uint64_t bytes, std::vector<SpaceNode> children = {},
+                       std::uint64_t otherBytes = 0, std::uint64_t otherCount = 0) {
+            SpaceNode n;
+            n.name = path.substr(path.rfind('/') + 1);
+            n.path = std::move(path);
+            n.bytes = bytes;
+            n.fileCount = 1 + children.size();
+            n.children = std::move(children);
+            n.otherBytes = otherBytes;
+            n.otherCount = otherCount;
+            return n;
+        };
+        SpaceTree tree;
+        tree.root = node(
+            "/h", 100,
+            {node("/h/Projects", 70, {node("/h/Projects/app", 60)}, 10, 4), node("/h/big.iso", 20)},
+            10, 52);
+        SpaceMapState state;
+        SpaceTreeModel model(state);
+        QAbstractItemModelTester tester(&model,
+                                        QAbstractItemModelTester::FailureReportingMode::QtTest);
+        QCOMPARE(model.rowCount(), 0);
+        model.beginChange();
+        state.replace(tree);
+        model.endChange();
+
+        QModelIndex root = model.index(0, 0);
+        QCOMPARE(model.rowCount(root), 3); // two children and the root's "other" share
+        QModelIndex projects = model.index(0, 0, root);
+        QModelIndex other = model.index(2, 0, root);
+        QCOMPARE(projects.data(pathRole).toString(), QStringLiteral("/h/Projects"));
+        QVERIFY(projects.data(hasChildrenRole).toBool());
+        QVERIFY(other.data(isOtherRole).toBool());
+        QCOMPARE(other.data(bytesRole).value<quint64>(), 10u);
+        QCOMPARE(other.data(noteRole).toString(),
+                 QString::fromStdString(otherShareNote(state.tree()->root)));
+        QCOMPARE(model.rowCount(other), 0);
+        // The way down and back up lands on the same rows.
+        QModelIndex app = model.indexOfPath("/h/Projects/app/src/main.cpp");
+        QCOMPARE(app.data(pathRole).toString(), QStringLiteral("/h/Projects/app"));
+        QCOMPARE(app.parent(), projects);
+        QCOMPARE(projects.parent(), root);
+
+        // A move patches the tree the model reads: the node leaves, its bytes leave its parents.
+        auto move = describeMove(*state.tree(), "/h/Projects/app", 60, 1, false);
+        QVERIFY(move.has_value());
+        model.beginChange();
+        state.applyMoves({*move}, "/h/.local/share/Trash");
+        model.endChange();
+        projects = model.index(0, 0, model.index(0, 0));
+        QCOMPARE(projects.data(bytesRole).value<quint64>(), 10u);
+        QCOMPARE(model.rowCount(projects), 1); // only its "other" share is left
+        QCOMPARE(model.index(0, 0).data(bytesRole).value<quint64>(), 40u);
+        QVERIFY(state.isStale());
     }
 };
 

@@ -2,6 +2,7 @@
 
 #include "AppTestMain.h"
 #include "Fixture.h"
+#include "app/SpaceMapPage.h"
 
 #include <QSignalSpy>
 #include <QTest>
@@ -113,6 +114,7 @@ private slots:
         QTest::addColumn<QString>("operation");
         QTest::newRow("sweep") << "sweep";
         QTest::newRow("cleanup measure") << "measure";
+        QTest::newRow("space map") << "space";
     }
 
     void stopDuringAScanStopsTheWalk() {
@@ -126,31 +128,76 @@ private slots:
         test::WalkPause pause(cache + "/");
         SweepRunner sweep;
         CleanupRunner cleanup;
-        bool isSweep = operation == "sweep";
-        QSignalSpy failed(isSweep ? static_cast<QObject*>(&sweep) : &cleanup,
-                          isSweep ? SIGNAL(failed(QString, bool)) : SIGNAL(failed(QString, bool)));
-        QSignalSpy swept(&sweep, &SweepRunner::swept);
-        QSignalSpy measured(&cleanup, &CleanupRunner::measured);
-        if (isSweep) {
+        SpaceRunner space;
+        QObject* runner = operation == "sweep"     ? static_cast<QObject*>(&sweep)
+                          : operation == "measure" ? static_cast<QObject*>(&cleanup)
+                                                   : static_cast<QObject*>(&space);
+        QSignalSpy failed(runner, SIGNAL(failed(QString, bool)));
+        QSignalSpy finished(runner, operation == "sweep" ? SIGNAL(swept(std::shared_ptr<sd::Sweep>))
+                                    : operation == "measure"
+                                        ? SIGNAL(measured(sd::ScanResult))
+                                        : SIGNAL(scanned(sd::SpaceScanResult)));
+        QVERIFY(finished.isValid());
+        if (operation == "sweep") {
             sweep.start();
-        } else {
+        } else if (operation == "measure") {
             cleanup.measure(catalogTargets({"python_tools"}), {});
+        } else {
+            space.scan(test::fixtureHome());
         }
         QTRY_VERIFY(pause.reached());
-        if (isSweep) {
-            sweep.stop();
-        } else {
-            cleanup.stop();
-        }
+        sweep.stop();
+        cleanup.stop();
+        space.stop();
         // Stop reaches the services through their own flags, a few polls later.
         QTest::qWait(150);
         pause.release();
         QTRY_COMPARE_WITH_TIMEOUT(failed.count(), 1, 20000);
         QCOMPARE(failed.at(0).at(1).toBool(), true);
-        QVERIFY(!sweep.isRunning() && !cleanup.isRunning());
-        QCOMPARE(swept.count() + measured.count(), 0);
+        QVERIFY(!sweep.isRunning() && !cleanup.isRunning() && !space.isRunning());
+        QCOMPARE(finished.count(), 0);
         QVERIFY2(pause.afterRelease() < 5, qPrintable(QString::number(pause.afterRelease())));
         test::runShell("rm -rf " + test::shellQuote(test::fixtureHome() + "/.cache/pip"));
+#endif
+    }
+
+    void spaceScanStreamsBigItemsBeforeItEnds() {
+#ifndef SPARROWDECK_TEST_HOOKS
+        QSKIP("needs the core's test hooks (the debug and asan presets have them)");
+#else
+        std::string big = test::fixtureHome() + "/Films";
+        test::makeDirs(big);
+        test::writeFilledFile(big + "/premiere.mov", 3'000'000);
+        std::string slow = test::fixtureHome() + "/zz-slow";
+        writeWideCache(slow, 3);
+        SpaceRunner runner;
+        QSignalSpy scanned(&runner, &SpaceRunner::scanned);
+        std::vector<BigItem> seen;
+        {
+            // One worker waits in a folder while the big file is found elsewhere.
+            test::WalkPause pause(slow + "/");
+            runner.scan(test::fixtureHome(), std::nullopt, 2'000'000);
+            QTRY_VERIFY(pause.reached());
+            QTRY_VERIFY_WITH_TIMEOUT(
+                [&] {
+                    for (BigItem& item : runner.takeBigItems()) {
+                        seen.push_back(item);
+                    }
+                    return !seen.empty();
+                }(),
+                10000);
+            QVERIFY(runner.isRunning());
+            pause.release();
+            QTRY_COMPARE_WITH_TIMEOUT(scanned.count(), 1, 20000);
+        }
+        auto found = std::find_if(seen.begin(), seen.end(), [&](const BigItem& item) {
+            return item.path == big + "/premiere.mov";
+        });
+        QVERIFY(found != seen.end());
+        QCOMPARE(found->bytes, test::peerAllocatedBytes(big));
+        auto result = scanned.at(0).at(0).value<SpaceScanResult>();
+        QCOMPARE(result.tree.root.path, test::fixtureHome());
+        test::runShell("rm -rf " + test::shellQuote(big) + " " + test::shellQuote(slow));
 #endif
     }
 
