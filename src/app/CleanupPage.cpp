@@ -79,6 +79,13 @@ CleanupPage::CleanupPage(CatalogState& catalog, JournalStore& journal, QWidget* 
     tree_->setColumnWidth(CatalogModel::nameColumn, 330);
     tree_->setColumnWidth(CatalogModel::sizeColumn, 110);
     layout->addWidget(tree_, 1);
+    nothingLeft_ = new QLabel(QStringLiteral("Every cache that is switched on is empty. Nothing "
+                                             "here takes space right now."));
+    nothingLeft_->setObjectName(QStringLiteral("muted"));
+    nothingLeft_->setAlignment(Qt::AlignCenter);
+    nothingLeft_->setMinimumHeight(160);
+    nothingLeft_->hide();
+    layout->addWidget(nothingLeft_, 1);
 
     banner_ = new Banner;
     putBack_ = banner_->addAction(QStringLiteral("Put Back"));
@@ -103,6 +110,7 @@ CleanupPage::CleanupPage(CatalogState& catalog, JournalStore& journal, QWidget* 
     connect(hideEmpty_, &QCheckBox::toggled, this, [this](bool on) {
         filter_->setHideEmpty(on && catalog_.scan.has_value());
         tree_->expandToDepth(0);
+        showTreeOrNothingLeft();
     });
     connect(progress_, &ProgressStrip::stopRequested, this, [this] {
         runner_->stop();
@@ -158,10 +166,13 @@ void CleanupPage::measure() {
 
 void CleanupPage::onMeasured(const ScanResult& result) {
     step_ = Step::scanned;
+    nothingLeft_->setText(QStringLiteral("Every cache that is switched on is empty. Nothing "
+                                         "here takes space right now."));
     catalog_.setScan(result);
     model_->refresh();
     filter_->setHideEmpty(hideEmpty_->isChecked());
     tree_->expandToDepth(0);
+    showTreeOrNothingLeft();
     QString text = QStringLiteral("Measured %1 at %2.")
                        .arg(bytesText(result.totalBytes),
                             QLocale().toString(QTime::currentTime(), QStringLiteral("HH:mm")));
@@ -255,6 +266,8 @@ void CleanupPage::onCleaned(const CleanOutcome& outcome) {
     if (outcome.verification) {
         catalog_.setScan(*outcome.verification);
         model_->refresh();
+        filter_->invalidate();
+        showTreeOrNothingLeft();
     }
     QString detail = errorLines(r.errors, 4);
     if (outcome.verification) {
@@ -281,6 +294,12 @@ void CleanupPage::onCleaned(const CleanOutcome& outcome) {
 
 void CleanupPage::onPutBack(const TrashRestoreResult& result) {
     journal_.reload();
+    if (!result.restoredIDs.empty()) {
+        // The last measurement predates what came back; say so rather than show stale sizes.
+        summary_->setText(QStringLiteral("Measured before Put Back."));
+        nothingLeft_->setText(QStringLiteral("What went back is not measured yet. Measure again "
+                                             "to see the caches as they are now."));
+    }
     std::uint64_t back = result.restoredIDs.size();
     QString text = back == 0
                        ? QString::fromStdString(putBackResultText(result))
@@ -319,6 +338,12 @@ void CleanupPage::onFailed(const QString& message, bool cancelled) {
                       QStringLiteral("Nothing was moved."));
     }
     updateControls();
+}
+
+void CleanupPage::showTreeOrNothingLeft() {
+    bool nothing = filter_->rowCount() == 0;
+    tree_->setVisible(!nothing);
+    nothingLeft_->setVisible(nothing);
 }
 
 void CleanupPage::refreshLeftOut() {

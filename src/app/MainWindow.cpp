@@ -137,7 +137,9 @@ ActivityPage::ActivityPage(JournalStore& journal, const std::vector<Target>& cat
         tree_->setVisible(any);
         empty_->setVisible(!any);
         if (any) {
+            // The newest entry is the one most often put back: it starts open and chosen.
             tree_->expand(model_->index(0, 0));
+            tree_->setCurrentIndex(model_->index(0, 0));
         }
         QStringList lines;
         for (const std::string& w : journal_.warnings()) {

@@ -707,6 +707,12 @@ QString ActivityModel::groupTitle(const JournalEntry& entry, const std::string& 
     if (const Target* target = findTarget(catalog_, group)) {
         return QString::fromStdString(target->title);
     }
+    if (group == "largeOld") {
+        return QStringLiteral("Large & old files");
+    }
+    if (group == "duplicates") {
+        return QStringLiteral("Duplicate copies");
+    }
     return QString::fromStdString(group);
 }
 

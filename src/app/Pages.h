@@ -110,6 +110,7 @@ public:
     QTreeView* tree() const noexcept { return tree_; }
     QPushButton* measureButton() const noexcept { return measure_; }
     QPushButton* cleanButton() const noexcept { return clean_; }
+    QPushButton* putBackButton() const noexcept { return putBack_; }
     const Banner* banner() const noexcept { return banner_; }
     Step step() const noexcept { return step_; }
     CatalogFilter& filter() noexcept { return *filter_; }
@@ -130,6 +131,7 @@ private:
     void onFailed(const QString& message, bool cancelled);
     void onPutBack(const TrashRestoreResult& result);
     void updateControls();
+    void showTreeOrNothingLeft();
 
     CatalogState& catalog_;
     JournalStore& journal_;
@@ -143,6 +145,7 @@ private:
     QComboBox* risk_;
     QCheckBox* hideEmpty_;
     QLabel* summary_;
+    QLabel* nothingLeft_;
     QPushButton* measure_;
     QPushButton* clean_;
     QPushButton* putBack_;

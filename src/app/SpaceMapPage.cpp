@@ -612,6 +612,7 @@ SpaceMapPage::SpaceMapPage(QWidget* parent) : QWidget(parent) {
                       cancelled ? Banner::Tone::info : Banner::Tone::warning,
                       state_.tree() ? QStringLiteral("The map still shows the last scan.")
                                     : QString());
+        updateStatus();
     });
     connect(runner_, &SpaceRunner::runningChanged, this, [this](bool running) {
         progress_->setRunning(running);
@@ -629,6 +630,11 @@ void SpaceMapPage::startScan(std::optional<double> budget) {
     bigItems_->hide();
     runner_->scan(homeDirectory(), budget, streamMinimumBytes_);
     progress_->update(0, QStringLiteral("Starting the scan"));
+    if (!state_.tree()) {
+        status_->setText(QStringLiteral("Scanning your home folder…"));
+        statusDetail_->setText(QStringLiteral("Reading sizes only; nothing moves. Big items are "
+                                              "listed as soon as they are found."));
+    }
 }
 
 void SpaceMapPage::onScanned(const SpaceScanResult& result) {

@@ -142,11 +142,15 @@ bool confirm(QWidget* parent, const QString& title, const QString& text, const Q
              const QString& detail) {
     QMessageBox box(parent);
     box.setWindowTitle(title);
-    box.setIcon(QMessageBox::Question);
+    box.setIcon(QMessageBox::NoIcon);
     box.setText(text);
     box.setInformativeText(detail);
     QPushButton* accept = box.addButton(acceptText, QMessageBox::AcceptRole);
     QPushButton* cancel = box.addButton(QMessageBox::Cancel);
+    cancel->setIcon(QIcon());
+    box.setStyleSheet(
+        QStringLiteral("QLabel { min-width: 340px; } QMessageBox QLabel#qt_msgbox_label "
+                       "{ font-weight: 600; font-size: 14px; }"));
     accept->setProperty("primary", true);
     box.setDefaultButton(cancel);
     box.exec();

@@ -266,9 +266,10 @@ private slots:
                        copy("/h/Downloads/linked.bin", {"/h/Downloads/hard.bin"}),
                        copy("/h/Projects/site/a.bin")};
         group.suggestedKeep = "/h/Documents/a.bin";
+        DuplicateReport report;
+        report.groups = {group};
         ReviewState<DuplicateReport> state;
-        state.report = DuplicateReport{};
-        state.report->groups = {group};
+        state.report.emplace(std::move(report));
         state.denied["/h/Projects/site/a.bin"] = VaultDenyReason::gitWorkingTree;
         DuplicatesModel model(state, homePolicy());
         QAbstractItemModelTester tester(&model,
@@ -316,9 +317,10 @@ private slots:
         LargeOldItem kept = video;
         kept.path = "/h/.ssh/backup.img";
         kept.evidence = {EvidenceKind::opened, 1'500'000'000};
+        LargeOldReport report;
+        report.items = {video, kept};
         ReviewState<LargeOldReport> state;
-        state.report = LargeOldReport{};
-        state.report->items = {video, kept};
+        state.report.emplace(std::move(report));
         state.denied[kept.path] = VaultDenyReason::protectedUserDir;
         LargeOldModel model(state);
         QAbstractItemModelTester tester(&model,
