@@ -5,6 +5,7 @@
 // independent answer, so a run that gets faster by reading less shows up as an error instead of as
 // a win.
 
+#include "BenchSupport.h"
 #include "core/CleanerError.h"
 #include "core/MockRoots.h"
 #include "core/PathRules.h"
@@ -58,12 +59,7 @@ double threadCpuSeconds() {
     return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
 }
 
-bool anyRejected = false;
-
-void reject(benchmark::State& state, const std::string& why) {
-    anyRejected = true;
-    state.SkipWithError(why.c_str());
-}
+using sd::bench::reject;
 
 [[noreturn]] void fail(const std::string& what) {
     throw std::runtime_error(what + ": " + std::strerror(errno));
@@ -277,32 +273,16 @@ BENCHMARK(BM_FindDuplicates)
 } // namespace
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
-        return 1;
-    }
-    int status = 0;
-    try {
-        setUp();
-        std::fprintf(stderr, "corpus: %s (%zu groups, %llu bytes to compare in full)\n",
-                     fixture().corpus.c_str(), fixture().expectedGroups,
-                     static_cast<unsigned long long>(fixture().bytesCompared));
-        benchmark::RunSpecifiedBenchmarks();
-    } catch (const std::exception& error) {
-        std::fprintf(stderr, "sparrowdeck_bench_duplicates: %s\n", error.what());
-        status = 1;
-    }
-    benchmark::Shutdown();
-    if (anyRejected) {
-        status = 1;
-    }
-    if (!fixture().root.empty()) {
-        try {
-            sd::MockRoots::tearDown(fixture().root);
-        } catch (const sd::CleanerError& error) {
-            std::fprintf(stderr, "could not remove %s: %s\n", fixture().root.c_str(), error.what());
-            status = 1;
-        }
-    }
-    return status;
+    return sd::bench::runBenchmarks(
+        argc, argv, "sparrowdeck_bench_duplicates",
+        [] {
+            setUp();
+            char line[512];
+            std::snprintf(line, sizeof line,
+                          "corpus: %s (%zu groups, %llu bytes to compare in full)",
+                          fixture().corpus.c_str(), fixture().expectedGroups,
+                          static_cast<unsigned long long>(fixture().bytesCompared));
+            return std::string(line);
+        },
+        [] { return fixture().root; });
 }

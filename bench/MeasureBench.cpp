@@ -3,6 +3,7 @@
 // independent count of the same tree, so a walk that gets faster by skipping entries shows up
 // as an error instead of as a win.
 
+#include "BenchSupport.h"
 #include "core/CleanerError.h"
 #include "core/CoreFileSystem.h"
 #include "core/MockRoots.h"
@@ -59,12 +60,7 @@ Fixture& fixture() {
 
 // Google Benchmark reports a skipped run but still exits 0; this makes a wrong walk fail the
 // whole program so bench/run-all stops on it.
-bool anyRejected = false;
-
-void reject(benchmark::State& state, const std::string& why) {
-    anyRejected = true;
-    state.SkipWithError(why.c_str());
-}
+using sd::bench::reject;
 
 [[noreturn]] void fail(const std::string& what) {
     throw std::runtime_error(what + ": " + std::strerror(errno));
@@ -243,35 +239,18 @@ BENCHMARK(BM_MeasureFootprint)
 } // namespace
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
-        return 1;
-    }
-    int status = 0;
-    try {
-        setUp();
-        std::fprintf(stderr, "tree: %s (%llu entries, %llu files, %llu folders, %llu bytes)\n",
-                     fixture().tree.c_str(),
-                     static_cast<unsigned long long>(fixture().expected.entries),
-                     static_cast<unsigned long long>(fixture().expected.fileCount),
-                     static_cast<unsigned long long>(fixture().expected.directoryCount),
-                     static_cast<unsigned long long>(fixture().expected.allocatedBytes));
-        benchmark::RunSpecifiedBenchmarks();
-    } catch (const std::exception& error) {
-        std::fprintf(stderr, "sparrowdeck_bench_measure: %s\n", error.what());
-        status = 1;
-    }
-    benchmark::Shutdown();
-    if (anyRejected) {
-        status = 1;
-    }
-    if (!fixture().root.empty()) {
-        try {
-            sd::MockRoots::tearDown(fixture().root);
-        } catch (const sd::CleanerError& error) {
-            std::fprintf(stderr, "could not remove %s: %s\n", fixture().root.c_str(), error.what());
-            status = 1;
-        }
-    }
-    return status;
+    return sd::bench::runBenchmarks(
+        argc, argv, "sparrowdeck_bench_measure",
+        [] {
+            setUp();
+            char line[512];
+            std::snprintf(
+                line, sizeof line, "tree: %s (%llu entries, %llu files, %llu folders, %llu bytes)",
+                fixture().tree.c_str(), static_cast<unsigned long long>(fixture().expected.entries),
+                static_cast<unsigned long long>(fixture().expected.fileCount),
+                static_cast<unsigned long long>(fixture().expected.directoryCount),
+                static_cast<unsigned long long>(fixture().expected.allocatedBytes));
+            return std::string(line);
+        },
+        [] { return fixture().root; });
 }

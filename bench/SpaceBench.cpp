@@ -5,6 +5,7 @@
 // shows up as an error instead of as a win. The worker count is the argument: with one folder
 // holding most of the home, more workers only help if that folder is split between them.
 
+#include "BenchSupport.h"
 #include "core/CleanerError.h"
 #include "core/MockRoots.h"
 #include "core/PathRules.h"
@@ -54,12 +55,7 @@ Fixture& fixture() {
     return instance;
 }
 
-bool anyRejected = false;
-
-void reject(benchmark::State& state, const std::string& why) {
-    anyRejected = true;
-    state.SkipWithError(why.c_str());
-}
+using sd::bench::reject;
 
 [[noreturn]] void fail(const std::string& what) {
     throw std::runtime_error(what + ": " + std::strerror(errno));
@@ -220,34 +216,17 @@ BENCHMARK(BM_SpaceScan)
 } // namespace
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
-        return 1;
-    }
-    int status = 0;
-    try {
-        setUp();
-        std::fprintf(stderr, "home: %s (%llu entries, %llu files, %llu bytes)\n",
-                     fixture().home.c_str(),
-                     static_cast<unsigned long long>(fixture().expected.entries),
-                     static_cast<unsigned long long>(fixture().expected.fileCount),
-                     static_cast<unsigned long long>(fixture().expected.allocatedBytes));
-        benchmark::RunSpecifiedBenchmarks();
-    } catch (const std::exception& error) {
-        std::fprintf(stderr, "sparrowdeck_bench_space: %s\n", error.what());
-        status = 1;
-    }
-    benchmark::Shutdown();
-    if (anyRejected) {
-        status = 1;
-    }
-    if (!fixture().root.empty()) {
-        try {
-            sd::MockRoots::tearDown(fixture().root);
-        } catch (const sd::CleanerError& error) {
-            std::fprintf(stderr, "could not remove %s: %s\n", fixture().root.c_str(), error.what());
-            status = 1;
-        }
-    }
-    return status;
+    return sd::bench::runBenchmarks(
+        argc, argv, "sparrowdeck_bench_space",
+        [] {
+            setUp();
+            char line[512];
+            std::snprintf(line, sizeof line, "home: %s (%llu entries, %llu files, %llu bytes)",
+                          fixture().home.c_str(),
+                          static_cast<unsigned long long>(fixture().expected.entries),
+                          static_cast<unsigned long long>(fixture().expected.fileCount),
+                          static_cast<unsigned long long>(fixture().expected.allocatedBytes));
+            return std::string(line);
+        },
+        [] { return fixture().root; });
 }
