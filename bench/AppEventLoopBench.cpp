@@ -3,10 +3,10 @@
 // window could not repaint or answer a click. The scans run on the real screens (the Sweep, and
 // the Space Map with its sunburst), so polling, model resets and painting are all measured.
 
+#include "BenchSupport.h"
 #include "app/Pages.h"
 #include "app/SpaceMapPage.h"
 #include "app/Widgets.h"
-#include "core/CleanerError.h"
 #include "core/MockRoots.h"
 #include "core/PathRules.h"
 
@@ -100,7 +100,7 @@ void BM_EventLoopStallDuringSweep(benchmark::State& state) {
     for (auto _ : state) {
         worst = std::max(worst, longestStall(page.runner(), [&] { page.startSweep(); }));
         if (page.state().sweep == nullptr) {
-            state.SkipWithError("the Sweep did not finish");
+            sd::bench::reject(state, "the Sweep did not finish");
             return;
         }
     }
@@ -119,7 +119,7 @@ void BM_EventLoopStallDuringSpaceScan(benchmark::State& state) {
     for (auto _ : state) {
         worst = std::max(worst, longestStall(page.runner(), [&] { page.startScan(); }));
         if (!page.state().tree()) {
-            state.SkipWithError("the scan did not finish");
+            sd::bench::reject(state, "the scan did not finish");
             return;
         }
     }
@@ -135,7 +135,8 @@ BENCHMARK(BM_EventLoopStallDuringSpaceScan)->Unit(benchmark::kMillisecond)->Iter
 } // namespace
 
 int main(int argc, char** argv) {
-    // The scan reads a fixture home in an owned temporary root, never the real one.
+    // The scans read a fixture home in an owned temporary root, never the real one; the core
+    // reads these once, so they are set before anything asks.
     std::string root = sd::MockRoots::create();
     home = root + "/home";
     makeDirs(home);
@@ -149,7 +150,6 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "the fixture home was not taken\n");
         return 1;
     }
-    std::printf("Building a tree of %d entries…\n", buildTree());
     // The offscreen platform says on every show that it cannot pass size hints on; that is noise.
     qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString& message) {
         if (!message.contains(QLatin1String("propagateSizeHints"))) {
@@ -158,14 +158,8 @@ int main(int argc, char** argv) {
     });
     QApplication app(argc, argv);
     sd::app::applyStyle(app);
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    try {
-        sd::MockRoots::tearDown(root);
-    } catch (const sd::CleanerError& e) {
-        std::fprintf(stderr, "The fixture root could not be removed: %s\n", e.what());
-        return 1;
-    }
-    return 0;
+    return sd::bench::runBenchmarks(
+        argc, argv, "sparrowdeck_bench_app_event_loop",
+        [] { return "Built a tree of " + std::to_string(buildTree()) + " entries."; },
+        [root] { return root; });
 }
