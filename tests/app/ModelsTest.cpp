@@ -8,6 +8,7 @@
 
 #include <QAbstractItemModelTester>
 #include <QTest>
+#include <cmath>
 #include <nlohmann/json.hpp>
 
 namespace sd::app {
@@ -396,6 +397,56 @@ private slots:
         QCOMPARE(model.rowCount(projects), 1); // only its "other" share is left
         QCOMPARE(model.index(0, 0).data(bytesRole).value<quint64>(), 40u);
         QVERIFY(state.isStale());
+    }
+
+    void sunburstWedgesAreAsWideAsTheirShare() {
+        SpaceTree tree;
+        tree.root.path = "/h";
+        tree.root.name = "h";
+        tree.root.bytes = 100;
+        SpaceNode a;
+        a.path = "/h/a";
+        a.name = "a";
+        a.bytes = 50;
+        SpaceNode b = a;
+        b.path = "/h/b";
+        b.name = "b";
+        b.bytes = 25;
+        tree.root.children = {a, b};
+        tree.root.otherBytes = 25;
+        tree.root.otherCount = 9;
+        SpaceMapState state;
+        state.replace(tree);
+        SpaceTreeModel model(state);
+        SunburstView view;
+        view.resize(400, 400);
+        view.setModel(&model);
+
+        // Clockwise from twelve o'clock: a takes the right half, b the next quarter, and the
+        // other share the last quarter, drawn as one wedge.
+        QPointF centre(200, 200);
+        double ring = 65; // inside the first ring at this size
+        auto at = [&](double degrees) {
+            double r = degrees * 3.14159265358979 / 180;
+            return view.indexAt(centre + QPointF(ring * std::sin(r), -ring * std::cos(r)));
+        };
+        struct Case {
+            double degrees;
+            QString path;
+            bool other;
+        };
+        for (Case c : {Case{10, "/h/a", false}, Case{170, "/h/a", false}, Case{190, "/h/b", false},
+                       Case{260, "/h/b", false}, Case{280, "/h", true}, Case{350, "/h", true}}) {
+            QModelIndex hit = at(c.degrees);
+            QVERIFY2(hit.isValid(), qPrintable(QString::number(c.degrees)));
+            QCOMPARE(hit.data(pathRole).toString(), c.path);
+            QCOMPARE(hit.data(isOtherRole).toBool(), c.other);
+        }
+        QCOMPARE(view.indexAt(centre), model.index(0, 0));
+        QVERIFY(!view.indexAt(QPointF(2, 2)).isValid());
+        std::optional<QPointF> middleOfB = view.centreOf(model.indexOfPath("/h/b"));
+        QVERIFY(middleOfB.has_value());
+        QCOMPARE(view.indexAt(*middleOfB).data(pathRole).toString(), QStringLiteral("/h/b"));
     }
 };
 
