@@ -49,6 +49,34 @@ void unmountHard(const std::string& mountPoint) {
     }
 }
 
+// Unmounts, detaches whatever loop device still holds the image, and removes the image and its
+// folder. Runs in destructors, so it never throws.
+void releaseImage(const std::string& mountPoint, const std::string& image,
+                  const std::string& imageFolder) {
+    unmountHard(mountPoint);
+    try {
+        // mount -o loop sets autoclear, but a lazily detached mount can keep the device.
+        runShell("losetup -n -O NAME -j " + shellQuote(image) +
+                 " 2>/dev/null | xargs -r -n1 losetup -d 2>/dev/null");
+    } catch (const std::exception&) {
+        // Nothing more can be done from a destructor.
+    }
+    ::unlink(image.c_str());
+    ::rmdir(imageFolder.c_str());
+}
+
+// Flushes delayed allocation so st_blocks and extent maps describe what is on disk.
+void syncVolume(const std::string& mountPoint) {
+    int fd = ::open(mountPoint.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0 || ::syncfs(fd) != 0) {
+        if (fd >= 0) {
+            ::close(fd);
+        }
+        throw std::runtime_error("syncfs " + mountPoint + " failed");
+    }
+    ::close(fd);
+}
+
 std::string whyNoMounts() {
     if (::geteuid() != 0) {
         return "Mounting a file system needs root, and this test runs as uid " +
@@ -110,27 +138,11 @@ std::unique_ptr<LoopBtrfs> LoopBtrfs::mount(const std::string& mountPoint, std::
 }
 
 LoopBtrfs::~LoopBtrfs() {
-    unmountHard(mountPoint_);
-    try {
-        // mount -o loop sets autoclear, but a lazily detached mount can keep the device.
-        runShell("losetup -n -O NAME -j " + shellQuote(image_) +
-                 " 2>/dev/null | xargs -r -n1 losetup -d 2>/dev/null");
-    } catch (const std::exception&) {
-        // Nothing more can be done from a destructor.
-    }
-    ::unlink(image_.c_str());
-    ::rmdir(imageFolder_.c_str());
+    releaseImage(mountPoint_, image_, imageFolder_);
 }
 
 void LoopBtrfs::sync() const {
-    int fd = ::open(mountPoint_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0 || ::syncfs(fd) != 0) {
-        if (fd >= 0) {
-            ::close(fd);
-        }
-        throw std::runtime_error("syncfs " + mountPoint_ + " failed");
-    }
-    ::close(fd);
+    syncVolume(mountPoint_);
 }
 
 std::unique_ptr<ScopedTmpfs> ScopedTmpfs::mount(const std::string& mountPoint, std::string& whyNot,
@@ -210,37 +222,11 @@ std::unique_ptr<LoopVolume> LoopVolume::mount(const std::string& type,
 }
 
 LoopVolume::~LoopVolume() {
-    // A mount left behind would make the fixture root's teardown refuse to cross it and would
-    // hold a loop device after the process ends, so this tries hard, and lazily as a last resort.
-    for (int attempt = 0; attempt < 50 && isMountPoint(mountPoint_); ++attempt) {
-        if (::umount2(mountPoint_.c_str(), 0) == 0 || errno != EBUSY) {
-            break;
-        }
-        ::usleep(100'000);
-    }
-    if (isMountPoint(mountPoint_)) {
-        ::umount2(mountPoint_.c_str(), MNT_DETACH);
-    }
-    try {
-        // mount -o loop sets autoclear, but a lazily detached mount can keep the device.
-        runShell("losetup -n -O NAME -j " + shellQuote(image_) +
-                 " 2>/dev/null | xargs -r -n1 losetup -d 2>/dev/null");
-    } catch (const std::exception&) {
-        // Nothing more can be done from a destructor.
-    }
-    ::unlink(image_.c_str());
-    ::rmdir(imageFolder_.c_str());
+    releaseImage(mountPoint_, image_, imageFolder_);
 }
 
 void LoopVolume::sync() const {
-    int fd = ::open(mountPoint_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0 || ::syncfs(fd) != 0) {
-        if (fd >= 0) {
-            ::close(fd);
-        }
-        throw std::runtime_error("syncfs " + mountPoint_ + " failed");
-    }
-    ::close(fd);
+    syncVolume(mountPoint_);
 }
 
 } // namespace sd::test
