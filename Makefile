@@ -12,6 +12,9 @@ build/release/CMakeCache.txt: | deps
 build/debug/CMakeCache.txt: | deps
 	@cmake --preset debug >/dev/null
 
+build/bench/CMakeCache.txt: | deps
+	@cmake --preset bench >/dev/null
+
 build/asan/CMakeCache.txt: | deps
 	@cmake --preset asan >/dev/null
 
@@ -33,8 +36,8 @@ test-asan: deps build/asan/CMakeCache.txt
 	@cmake --build --preset asan -j $(JOBS)
 	@ctest --preset asan -j $(JOBS)
 
-bench: deps build/release/CMakeCache.txt
-	@cmake --build --preset release -j $(JOBS)
+bench: deps build/bench/CMakeCache.txt
+	@cmake --build --preset bench -j $(JOBS)
 	@bench/run-all
 
 format:

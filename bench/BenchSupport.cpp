@@ -1,6 +1,6 @@
 #include "BenchSupport.h"
 
-#include "core/CleanerError.h"
+#include "base/CleanerError.h"
 #include "core/MockRoots.h"
 
 #include <atomic>

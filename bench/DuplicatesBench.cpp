@@ -6,10 +6,10 @@
 // a win.
 
 #include "BenchSupport.h"
-#include "core/CleanerError.h"
+#include "base/CleanerError.h"
 #include "core/MockRoots.h"
 #include "core/PathRules.h"
-#include "core/UniqueFd.h"
+#include "base/UniqueFd.h"
 #include "review/ContentDigest.h"
 #include "review/DuplicateComparer.h"
 

@@ -4,7 +4,7 @@
 // as an error instead of as a win.
 
 #include "BenchSupport.h"
-#include "core/CleanerError.h"
+#include "base/CleanerError.h"
 #include "core/CoreFileSystem.h"
 #include "core/MockRoots.h"
 #include "core/PathRules.h"

@@ -6,7 +6,7 @@
 // holding most of the home, more workers only help if that folder is split between them.
 
 #include "BenchSupport.h"
-#include "core/CleanerError.h"
+#include "base/CleanerError.h"
 #include "core/MockRoots.h"
 #include "core/PathRules.h"
 #include "space/SpaceTreeScanner.h"

@@ -1,5 +1,5 @@
 #include "Fixture.h"
-#include "core/CleanerError.h"
+#include "base/CleanerError.h"
 #include "core/MockRoots.h"
 #include "core/PathRules.h"
 

@@ -1,8 +1,8 @@
 #pragma once
 
+#include "base/CleanerError.h"
 #include "catalog/CleaningService.h"
 #include "core/Cancellation.h"
-#include "core/CleanerError.h"
 #include "reclaim/ReclaimJournal.h"
 #include "sweep/Sweep.h"
 

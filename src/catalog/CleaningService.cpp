@@ -1,10 +1,10 @@
 #include "catalog/CleaningService.h"
 
+#include "base/CleanerError.h"
+#include "base/Saturating.h"
 #include "catalog/InclusionPreferences.h"
-#include "core/CleanerError.h"
 #include "core/CoreFileSystem.h"
 #include "core/PathRules.h"
-#include "core/Saturating.h"
 
 #include <algorithm>
 #include <chrono>

@@ -1,8 +1,8 @@
 #include "cli/MeasureCommand.h"
 
+#include "base/CleanerError.h"
 #include "cli/Terminal.h"
 #include "core/ByteFormat.h"
-#include "core/CleanerError.h"
 #include "core/CoreFileSystem.h"
 #include "core/PathRules.h"
 

@@ -1,8 +1,8 @@
 #include "cli/ReviewCommands.h"
 
+#include "base/CleanerError.h"
 #include "cli/Terminal.h"
 #include "core/ByteFormat.h"
-#include "core/CleanerError.h"
 #include "core/PathRules.h"
 #include "platform/Words.h"
 #include "reclaim/VaultPolicy.h"

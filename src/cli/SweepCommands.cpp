@@ -1,9 +1,9 @@
 #include "cli/SweepCommands.h"
 
+#include "base/CleanerError.h"
 #include "catalog/InclusionPreferences.h"
 #include "cli/Terminal.h"
 #include "core/ByteFormat.h"
-#include "core/CleanerError.h"
 #include "core/PathRules.h"
 #include "sweep/Sweep.h"
 

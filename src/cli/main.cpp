@@ -1,8 +1,8 @@
 #include "cli/MeasureCommand.h"
 #include "cli/ReclaimCommands.h"
 #include "cli/ReviewCommands.h"
-#include "cli/SweepCommands.h"
 #include "cli/SpaceCommand.h"
+#include "cli/SweepCommands.h"
 
 #include <CLI/CLI.hpp>
 #include <cstdio>

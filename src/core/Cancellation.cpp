@@ -1,6 +1,6 @@
 #include "core/Cancellation.h"
 
-#include "core/CleanerError.h"
+#include "base/CleanerError.h"
 
 namespace sd {
 

@@ -1,7 +1,7 @@
 #include "core/ChildProcess.h"
 
-#include "core/CleanerError.h"
-#include "core/UniqueFd.h"
+#include "base/CleanerError.h"
+#include "base/UniqueFd.h"
 
 #include <cerrno>
 #include <fcntl.h>

@@ -1,13 +1,14 @@
 #include "core/CoreFileSystem.h"
 
-#include "core/CleanerError.h"
+#include "base/CleanerError.h"
+#include "base/Descriptors.h"
+#include "base/OpenFlags.h"
+#include "base/PathText.h"
+#include "base/Saturating.h"
 #include "core/MockRoots.h"
 #include "core/PathRules.h"
-#include "core/Saturating.h"
-#include "core/TestHooks.h"
 #include "platform/CloneAttributes.h"
 #include "platform/DirectoryReader.h"
-#include "platform/OpenFlags.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -20,103 +21,12 @@
 namespace sd {
 namespace {
 
-std::string childPath(std::string_view parent, std::string_view name) {
-    std::string path;
-    path.reserve(parent.size() + name.size() + 1);
-    path.append(parent == "/" ? std::string_view() : parent).append("/").append(name);
-    return path;
-}
-
-// A no-follow, directory-only open that meets a symbolic link says ELOOP on most systems but
-// ENOTDIR where the directory flag is tested first; either way the caller must see a link.
-UniqueFd openDirectory(int parentFd, const char* name, int flags) {
-    UniqueFd fd(::openat(parentFd, name, flags));
-    if (!fd && errno == ENOTDIR) {
-        struct stat st {};
-        if (::fstatat(parentFd, name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(st.st_mode)) {
-            errno = ELOOP;
-        } else {
-            errno = ENOTDIR;
-        }
-    }
-    return fd;
-}
-
-bool sameIdentity(const struct stat& a, const struct stat& b) noexcept {
-    return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
-}
-
-[[noreturn]] void throwDirectoryChanged(std::string_view path) {
-    throw CleanerError::safety("Directory changed during traversal: " + std::string(path));
-}
-
 // Opens a child directory that a listing just described and proves it is the same directory.
 // Empty when it vanished in between. A link, a file or another directory in its place is a race
 // or an attack and stops the walk.
 UniqueFd openCheckedDirectory(int parentFd, const std::string& parentPath, const char* name,
                               const struct stat& listed, int flags) {
-    testhooks::beforeOpenDirectory(parentPath, name);
-    UniqueFd fd = openDirectory(parentFd, name, flags);
-    if (!fd) {
-        int error = errno;
-        if (error == ENOENT) {
-            return fd;
-        }
-        if (error == ELOOP || error == ENOTDIR) {
-            throwDirectoryChanged(childPath(parentPath, name));
-        }
-        throw makeCoreError(operation::openingDirectory, childPath(parentPath, name), error);
-    }
-    struct stat opened {};
-    if (::fstat(fd.get(), &opened) != 0) {
-        throw makeCoreError(operation::readingMetadata, childPath(parentPath, name), errno);
-    }
-    if (!sameIdentity(opened, listed) || !S_ISDIR(opened.st_mode)) {
-        throwDirectoryChanged(childPath(parentPath, name));
-    }
-    return fd;
-}
-
-bool isUtf8(std::string_view text) noexcept {
-    const auto* s = reinterpret_cast<const unsigned char*>(text.data());
-    size_t n = text.size();
-    size_t i = 0;
-    while (i < n) {
-        unsigned char c = s[i];
-        if (c < 0x80) {
-            ++i;
-            continue;
-        }
-        size_t extra = 0;
-        std::uint32_t point = 0;
-        if ((c & 0xE0) == 0xC0) {
-            extra = 1;
-            point = c & 0x1F;
-        } else if ((c & 0xF0) == 0xE0) {
-            extra = 2;
-            point = c & 0x0F;
-        } else if ((c & 0xF8) == 0xF0) {
-            extra = 3;
-            point = c & 0x07;
-        } else {
-            return false;
-        }
-        if (i + extra >= n) {
-            return false;
-        }
-        for (size_t k = 1; k <= extra; ++k) {
-            if ((s[i + k] & 0xC0) != 0x80) {
-                return false;
-            }
-            point = (point << 6) | (s[i + k] & 0x3F);
-        }
-        static constexpr std::uint32_t smallest[] = {0, 0x80, 0x800, 0x10000};
-        if (point < smallest[extra] || point > 0x10FFFF || (point >= 0xD800 && point <= 0xDFFF)) {
-            return false;
-        }
-        i += extra + 1;
-    }
-    return true;
+    return openListedFolder(parentFd, name, childPath(parentPath, name), listed, flags);
 }
 
 // A component with an unescaped "*", "?" or "[", or ending in a lone backslash, is matched
@@ -159,25 +69,6 @@ std::uint64_t saturatingSize(off_t size) {
 
 } // namespace
 
-UniqueFd openSearch(int parentFd, const char* name) {
-    return openDirectory(parentFd, name, platform::searchOpenFlags);
-}
-
-UniqueFd openListing(int parentFd, const char* name) {
-    return openDirectory(parentFd, name, platform::listingOpenFlags);
-}
-
-std::optional<struct stat> statEntry(int parentFd, const char* name, std::string_view path) {
-    struct stat st {};
-    if (::fstatat(parentFd, name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
-        if (errno == ENOENT) {
-            return std::nullopt;
-        }
-        throw makeCoreError(operation::readingMetadata, path, errno);
-    }
-    return st;
-}
-
 std::vector<std::string> listDirectory(int fd, std::string_view path, const Cancellation& cancel) {
     cancel.check();
     std::vector<std::string> names;
@@ -194,30 +85,6 @@ std::vector<std::string> listDirectory(int fd, std::string_view path, const Canc
     cancel.check();
     std::sort(names.begin(), names.end());
     return names;
-}
-
-std::optional<ParentHandle> openParent(std::string_view path) {
-    std::vector<std::string_view> components = splitComponents(path);
-    if (components.empty()) {
-        throw CleanerError::safety("The filesystem root cannot be operated on");
-    }
-    UniqueFd fd(::open("/", platform::searchOpenFlags));
-    if (!fd) {
-        throw makeCoreError(operation::openingAncestor, path, errno);
-    }
-    std::string name;
-    for (size_t i = 0; i + 1 < components.size(); ++i) {
-        name.assign(components[i]);
-        UniqueFd next = openSearch(fd.get(), name.c_str());
-        if (!next) {
-            if (errno == ENOENT) {
-                return std::nullopt;
-            }
-            throw makeCoreError(operation::openingAncestor, path, errno);
-        }
-        fd = std::move(next);
-    }
-    return ParentHandle{std::move(fd), std::string(components.back())};
 }
 
 void refuseSymlink(std::string_view path) {
@@ -301,9 +168,8 @@ std::vector<ResolvedRoot> resolveRoots(std::string_view pathTemplate,
 
     auto flagsBefore = [&](size_t index) {
         // A directory whose next component is a pattern must be listed, not only searched.
-        return index < components.size() && isPatternComponent(components[index])
-                   ? platform::listingOpenFlags
-                   : platform::searchOpenFlags;
+        return index < components.size() && isPatternComponent(components[index]) ? listingOpenFlags
+                                                                                  : searchOpenFlags;
     };
     UniqueFd rootFd(::open("/", flagsBefore(0)));
     if (!rootFd) {
@@ -463,9 +329,8 @@ Footprint measureFootprint(std::string_view path, std::optional<EntryIdentity> e
     }
 
     std::string parentPath = pathText.substr(0, pathText.size() - parent->name.size() - 1);
-    UniqueFd rootFd =
-        openCheckedDirectory(parent->fd.get(), parentPath.empty() ? "/" : parentPath,
-                             parent->name.c_str(), *rootStat, platform::listingOpenFlags);
+    UniqueFd rootFd = openCheckedDirectory(parent->fd.get(), parentPath.empty() ? "/" : parentPath,
+                                           parent->name.c_str(), *rootStat, listingOpenFlags);
     if (!rootFd) {
         footprint.vanished = true;
         return footprint;
@@ -511,8 +376,8 @@ Footprint measureFootprint(std::string_view path, std::optional<EntryIdentity> e
             warnings.push_back("Traversal depth limit: " + childPath(frame.path, name));
             continue;
         }
-        UniqueFd child = openCheckedDirectory(frame.fd.get(), frame.path, name.c_str(), st,
-                                              platform::listingOpenFlags);
+        UniqueFd child =
+            openCheckedDirectory(frame.fd.get(), frame.path, name.c_str(), st, listingOpenFlags);
         if (!child) {
             continue;
         }
@@ -598,7 +463,7 @@ InventoryNode buildInventory(int parentFd, const std::string& name, const std::s
                                  ? path.substr(0, path.size() - name.size() - 1)
                                  : std::string("/");
     UniqueFd rootFd = openCheckedDirectory(parentFd, parentPath.empty() ? "/" : parentPath,
-                                           name.c_str(), st, platform::listingOpenFlags);
+                                           name.c_str(), st, listingOpenFlags);
     if (!rootFd) {
         return cutOff(name, path);
     }
@@ -641,7 +506,7 @@ InventoryNode buildInventory(int parentFd, const std::string& name, const std::s
             continue;
         }
         UniqueFd fd = openCheckedDirectory(top.walk.fd.get(), top.walk.path, childName.c_str(),
-                                           *childStat, platform::listingOpenFlags);
+                                           *childStat, listingOpenFlags);
         if (!fd) {
             continue;
         }
@@ -721,7 +586,7 @@ RemovalCounts removeTree(std::string_view path, std::uint64_t expectedDevice,
         parentPath = "/";
     }
     UniqueFd rootFd = openCheckedDirectory(parent->fd.get(), parentPath, parent->name.c_str(), *st,
-                                           platform::listingOpenFlags);
+                                           listingOpenFlags);
     if (!rootFd) {
         return counts;
     }
@@ -771,7 +636,7 @@ RemovalCounts removeTree(std::string_view path, std::uint64_t expectedDevice,
             continue;
         }
         UniqueFd fd = openCheckedDirectory(frame.fd.get(), frame.path, name.c_str(), *childStat,
-                                           platform::listingOpenFlags);
+                                           listingOpenFlags);
         if (!fd) {
             continue;
         }

@@ -1,8 +1,9 @@
 #pragma once
 
+#include "base/Descriptors.h"
+#include "base/UniqueFd.h"
 #include "core/Cancellation.h"
 #include "core/Ledgers.h"
-#include "core/UniqueFd.h"
 
 #include <atomic>
 #include <chrono>
@@ -23,28 +24,10 @@ namespace sd {
 inline constexpr int maxWalkDepth = 256;
 inline constexpr size_t maxRootComponents = 256;
 
-// Opens a directory to descend through it. Returns an invalid descriptor with errno set on
-// failure; a symbolic link in the last component fails with ELOOP.
-UniqueFd openSearch(int parentFd, const char* name);
-// Opens a directory to read its entries, with the same refusal of links.
-UniqueFd openListing(int parentFd, const char* name);
-
-// No-follow stat of one entry. Empty when the entry is gone; other failures throw "Reading
-// metadata for".
-std::optional<struct stat> statEntry(int parentFd, const char* name, std::string_view path);
-
 // The names in an open directory, "." and ".." left out, sorted ascending. The caller's
 // descriptor stays open. Throws SafetyViolation for a name that is not valid UTF-8.
 std::vector<std::string> listDirectory(int fd, std::string_view path,
                                        const Cancellation& cancel = {});
-
-struct ParentHandle {
-    UniqueFd fd;
-    std::string name;
-};
-// Opens the parent of a normalized absolute path from "/" one component at a time without
-// following links. Empty when an ancestor is gone. Throws for "/" itself.
-std::optional<ParentHandle> openParent(std::string_view path);
 
 // Throws SafetyViolation when any component of the path is a symbolic link.
 void refuseSymlink(std::string_view path);

@@ -1,6 +1,6 @@
 #include "core/Ledgers.h"
 
-#include "core/Saturating.h"
+#include "base/Saturating.h"
 
 #include <algorithm>
 

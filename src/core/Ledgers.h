@@ -1,29 +1,13 @@
 #pragma once
 
+#include "base/Identity.h"
+
 #include <cstdint>
 #include <optional>
 #include <sys/stat.h>
 #include <unordered_map>
 
 namespace sd {
-
-// Device and inode of an entry, compared before a descriptor is trusted and before anything moves.
-struct EntryIdentity {
-    std::uint64_t device = 0;
-    std::uint64_t inode = 0;
-
-    friend bool operator==(const EntryIdentity&, const EntryIdentity&) = default;
-    static EntryIdentity of(const struct stat& st) noexcept {
-        return {static_cast<std::uint64_t>(st.st_dev), static_cast<std::uint64_t>(st.st_ino)};
-    }
-};
-
-struct EntryIdentityHash {
-    size_t operator()(const EntryIdentity& key) const noexcept {
-        // Inodes are dense and devices few: mixing the device in with a multiply is enough.
-        return static_cast<size_t>(key.inode ^ (key.device * 0x9E3779B97F4A7C15ULL));
-    }
-};
 
 // What one measured regular file contributes to the bytes a removal would free.
 struct FileSample {

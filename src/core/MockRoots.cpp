@@ -1,6 +1,6 @@
 #include "core/MockRoots.h"
 
-#include "core/CleanerError.h"
+#include "base/CleanerError.h"
 #include "core/PathRules.h"
 
 #include <cerrno>

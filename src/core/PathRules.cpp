@@ -1,6 +1,6 @@
 #include "core/PathRules.h"
 
-#include "core/CleanerError.h"
+#include "base/CleanerError.h"
 #include "core/CoreFileSystem.h"
 #include "core/MockRoots.h"
 #include "platform/Home.h"
@@ -133,28 +133,7 @@ std::string outOfScope(std::string_view path) {
 } // namespace
 
 const std::string& homeDirectory() {
-    static const std::string home = [] {
-        std::string raw;
-        if (const char* overridden = std::getenv("SPARROWDECK_HOME");
-            overridden != nullptr && *overridden != '\0') {
-            raw = overridden;
-        } else {
-            raw = platform::accountHomeDirectory();
-        }
-        if (raw.empty() || raw.front() != '/') {
-            return std::string();
-        }
-        // A home reached through a link (/home -> /data/home) would make every path in it fail
-        // the no-link rule, so the home is taken by its real location.
-        std::unique_ptr<char, decltype(&std::free)> real(::realpath(raw.c_str(), nullptr),
-                                                         &std::free);
-        try {
-            return normalizePath(real ? std::string_view(real.get()) : std::string_view(raw));
-        } catch (const CleanerError&) {
-            return std::string();
-        }
-    }();
-    return home;
+    return platform::homeDirectory();
 }
 
 std::string foldPath(std::string_view path) {
@@ -339,20 +318,6 @@ std::vector<std::string_view> scope::allAppDataLocations() {
     auto extra = platform::extraAppDataLocations();
     rows.insert(rows.end(), extra.begin(), extra.end());
     return rows;
-}
-
-std::vector<std::string_view> splitComponents(std::string_view path) {
-    std::vector<std::string_view> parts;
-    size_t at = 0;
-    while (at < path.size()) {
-        size_t slash = path.find('/', at);
-        size_t end = slash == std::string_view::npos ? path.size() : slash;
-        if (end > at) {
-            parts.push_back(path.substr(at, end - at));
-        }
-        at = end + 1;
-    }
-    return parts;
 }
 
 } // namespace sd

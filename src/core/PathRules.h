@@ -1,5 +1,7 @@
 #pragma once
 
+#include "base/PathText.h"
+
 #include <array>
 #include <string>
 #include <string_view>
@@ -8,7 +10,7 @@
 namespace sd {
 
 // The account's home folder, read once per process from the user database and kept as a
-// normalized absolute path with no symbolic link in it. SPARROWDECK_HOME replaces it (tests).
+// normalized absolute path with no symbolic link in it (see platform::homeDirectory).
 const std::string& homeDirectory();
 
 // NFC, then lower case, as every case-insensitive comparison of paths and names needs.
@@ -142,10 +144,5 @@ std::vector<std::string_view> allProtectedLocations();
 std::vector<std::string_view> allAppDataLocations();
 
 } // namespace scope
-
-// Splits a normalized path into its components ("/a/b" gives "a", "b"). The views point into
-// `path`, so a temporary string is refused at compile time.
-std::vector<std::string_view> splitComponents(std::string_view path);
-std::vector<std::string_view> splitComponents(std::string&& path) = delete;
 
 } // namespace sd

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "core/UniqueFd.h"
+#include "base/UniqueFd.h"
 
 #include <cstdint>
 #include <optional>

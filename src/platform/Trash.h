@@ -1,5 +1,7 @@
 #pragma once
 
+#include "base/Identity.h"
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -33,7 +35,10 @@ struct TrashedEntry {
     std::string trashPath;    // the item inside the Trash
     std::string originalPath; // where it came from
     std::string deletionDate; // as recorded, local time "YYYY-MM-DDThh:mm:ss"
-    std::uint64_t bytes = 0;  // allocated bytes
+    // Allocated bytes: a file's own, a folder's from the Trash's size cache when its line is
+    // current. Empty for a folder the cache does not vouch for; the caller measures it.
+    std::optional<std::uint64_t> bytes;
+    std::optional<EntryIdentity> identity; // of the item in "files"
     bool isDirectory = false;
 };
 

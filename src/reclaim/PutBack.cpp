@@ -1,9 +1,9 @@
 #include "reclaim/PutBack.h"
 
+#include "base/OpenFlags.h"
 #include "core/CoreFileSystem.h"
 #include "core/PathRules.h"
 #include "platform/FileSystemExtras.h"
-#include "platform/OpenFlags.h"
 #include "reclaim/VaultTypes.h"
 
 #include <cerrno>
@@ -19,7 +19,7 @@ std::optional<ParentHandle> openParentCreating(const std::string& path, bool cre
     if (components.empty()) {
         return std::nullopt;
     }
-    UniqueFd fd(::open("/", platform::searchOpenFlags));
+    UniqueFd fd(::open("/", searchOpenFlags));
     if (!fd) {
         return std::nullopt;
     }
@@ -52,9 +52,7 @@ RestoreOutcome restoreFromTrash(const std::string& trashPath, const std::string&
     if (::fstatat(from->fd.get(), from->name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
         return RestoreOutcome::gone;
     }
-    if (identityToken &&
-        makeIdentityToken(static_cast<std::uint64_t>(st.st_dev),
-                          static_cast<std::uint64_t>(st.st_ino)) != *identityToken) {
+    if (identityToken && sd::identityToken(EntryIdentity::of(st)) != *identityToken) {
         return RestoreOutcome::replaced;
     }
     std::optional<ParentHandle> to = openParentCreating(originalPath, true);

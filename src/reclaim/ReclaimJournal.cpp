@@ -1,9 +1,9 @@
 #include "reclaim/ReclaimJournal.h"
 
+#include "base/CleanerError.h"
+#include "base/FileIo.h"
+#include "base/UniqueFd.h"
 #include "core/ByteFormat.h"
-#include "core/CleanerError.h"
-#include "core/FileIo.h"
-#include "core/UniqueFd.h"
 #include "platform/Dirs.h"
 #include "platform/Trash.h"
 #include "reclaim/PutBack.h"

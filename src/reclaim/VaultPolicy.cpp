@@ -1,8 +1,8 @@
 #include "reclaim/VaultPolicy.h"
 
+#include "base/OpenFlags.h"
 #include "core/CoreFileSystem.h"
 #include "core/PathRules.h"
-#include "platform/OpenFlags.h"
 #include "platform/ScopeTables.h"
 
 #include <algorithm>
@@ -60,11 +60,6 @@ bool contains(const std::array<std::string_view, N>& table, std::string_view val
 bool containsAny(std::string_view text, std::span<const std::string_view> fragments) {
     return std::any_of(fragments.begin(), fragments.end(),
                        [&](std::string_view f) { return text.find(f) != std::string_view::npos; });
-}
-
-std::string_view lastComponent(std::string_view path) {
-    size_t slash = path.rfind('/');
-    return slash == std::string_view::npos ? path : path.substr(slash + 1);
 }
 
 } // namespace
@@ -211,7 +206,7 @@ ResolvedPath resolveRequestedPath(std::string_view requested) {
         resolved.denied = VaultDenyReason::unreadable;
         return resolved;
     }
-    UniqueFd fd(::open("/", platform::searchOpenFlags));
+    UniqueFd fd(::open("/", searchOpenFlags));
     std::string path;
     for (size_t i = 0; i < components.size(); ++i) {
         std::string name(components[i]);

@@ -1,9 +1,9 @@
 #include "reclaim/VaultService.h"
 
-#include "core/CleanerError.h"
+#include "base/CleanerError.h"
+#include "base/Saturating.h"
 #include "core/CoreFileSystem.h"
 #include "core/PathRules.h"
-#include "core/Saturating.h"
 #include "platform/FileSystemExtras.h"
 #include "platform/Trash.h"
 #include "reclaim/PutBack.h"
@@ -280,13 +280,14 @@ VaultPlanItem classifyPath(const VaultPolicy& policy, const std::string& request
         }
         item.dev = static_cast<std::uint64_t>(st->st_dev);
         item.ino = static_cast<std::uint64_t>(st->st_ino);
+        item.fileType = static_cast<std::uint32_t>(st->st_mode & S_IFMT);
         item.ctimeSec = st->st_ctim.tv_sec;
         item.ctimeNsec = st->st_ctim.tv_nsec;
         if (auto born = platform::birthTime(parent->fd.get(), parent->name.c_str(), *st)) {
             item.birthtimeSec = born->sec;
             item.birthtimeNsec = born->nsec;
         }
-        item.identityToken = makeIdentityToken(item.dev, item.ino);
+        item.identityToken = identityToken(item.identity());
         item.isDir = S_ISDIR(st->st_mode);
         item.dataless = platform::isDataless(*st);
         if (item.dataless) {
@@ -481,8 +482,8 @@ VaultService VaultService::standard(std::shared_ptr<const VaultPolicy> policy,
         if (fresh.denied) {
             throw VaultDenied(*fresh.denied);
         }
-        if (fresh.dev != item.dev || fresh.ino != item.ino ||
-            fresh.birthtimeSec != item.birthtimeSec || fresh.birthtimeNsec != item.birthtimeNsec ||
+        if (fresh.identity() != item.identity() || fresh.birthtimeSec != item.birthtimeSec ||
+            fresh.birthtimeNsec != item.birthtimeNsec ||
             fresh.identityToken != item.identityToken) {
             throw VaultDenied(VaultDenyReason::identityChanged);
         }
@@ -556,7 +557,7 @@ MoveOutcome VaultService::move(const VaultPlan& plan, std::vector<size_t> ticked
     if (!passing.empty()) {
         std::vector<RecycleRequest> requests;
         for (const VaultPlanItem& item : validated) {
-            requests.push_back({item.resolvedPath, {item.dev, item.ino}, item.physicalBytes});
+            requests.push_back({item.resolvedPath, item.identity(), item.physicalBytes});
         }
         std::vector<RecycleAnswer> answers = recycle(requests);
         answers.resize(requests.size());
@@ -581,8 +582,7 @@ MoveOutcome VaultService::move(const VaultPlan& plan, std::vector<size_t> ticked
                 }
             } catch (const CleanerError&) {
             }
-            if (!arrived || static_cast<std::uint64_t>(arrived->st_dev) != item.dev ||
-                static_cast<std::uint64_t>(arrived->st_ino) != item.ino) {
+            if (!arrived || EntryIdentity::of(*arrived) != item.identity()) {
                 // Something was swapped in after the last check; it was never meant to move,
                 // so it goes back where it was when nothing has taken that place.
                 if (arrived && restoreFromTrash(*answer.trashPath, item.resolvedPath,

@@ -66,8 +66,4 @@ std::string_view frictionName(VaultFriction friction) {
     return "uncataloguedMedium";
 }
 
-std::string makeIdentityToken(std::uint64_t device, std::uint64_t inode) {
-    return std::to_string(static_cast<std::uint32_t>(device)) + ":" + std::to_string(inode);
-}
-
 } // namespace sd

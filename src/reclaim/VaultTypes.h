@@ -1,5 +1,7 @@
 #pragma once
 
+#include "base/Identity.h"
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -47,6 +49,7 @@ struct VaultPlanItem {
     std::string resolvedPath;
     std::uint64_t dev = 0;
     std::uint64_t ino = 0;
+    std::uint32_t fileType = 0; // the S_IFMT bits
     std::int64_t ctimeSec = 0;
     std::int64_t ctimeNsec = 0;
     std::int64_t birthtimeSec = 0;
@@ -65,6 +68,8 @@ struct VaultPlanItem {
     std::uint64_t freeableBytes = 0;
     // Not persisted: whether the file was a cloud placeholder when planned.
     bool dataless = false;
+
+    EntryIdentity identity() const noexcept { return {dev, ino, fileType}; }
 };
 
 struct VaultPlan {
@@ -95,8 +100,5 @@ struct MoveOutcome {
     // Indexes into the plan of the items that stayed, with the reason where there is one.
     std::vector<std::pair<size_t, std::optional<VaultDenyReason>>> stayed;
 };
-
-// "device:inode" in decimal, device as an unsigned 32-bit number, as the journal records it.
-std::string makeIdentityToken(std::uint64_t device, std::uint64_t inode);
 
 } // namespace sd

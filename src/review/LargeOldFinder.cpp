@@ -1,7 +1,7 @@
 #include "review/LargeOldFinder.h"
 
+#include "base/CleanerError.h"
 #include "core/ByteFormat.h"
-#include "core/CleanerError.h"
 #include "core/PathRules.h"
 #include "platform/Words.h"
 #include "reclaim/VaultPolicy.h"

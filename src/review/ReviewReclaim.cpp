@@ -4,6 +4,7 @@
 #include "review/LargeOldFinder.h"
 
 #include <algorithm>
+#include <sys/stat.h>
 
 namespace sd {
 
@@ -21,7 +22,7 @@ ReviewMoveResult moveReviewedItems(const VaultService& vault, ReclaimJournal& jo
         VaultPlanItem& planned = result.plan.items[i];
         const ReviewedItem& seen = items[i];
         if (!planned.denied) {
-            if (EntryIdentity{planned.dev, planned.ino} != seen.identity) {
+            if (planned.identity() != seen.identity) {
                 planned.denied = VaultDenyReason::identityChanged;
             } else if (seen.changed && (planned.ctimeSec != seen.changed->first ||
                                         planned.ctimeNsec != seen.changed->second)) {
@@ -58,7 +59,7 @@ std::vector<ReviewedItem> duplicateCopiesToMove(const DuplicateGroup& group,
             refused.push_back(path + std::string(duplicateText::sharedReason) + ".");
         } else {
             out.push_back({file->path,
-                           {file->device, file->inode},
+                           {file->device, file->inode, S_IFREG},
                            std::pair{file->changedSec, file->changedNsec}});
         }
     }
@@ -66,7 +67,10 @@ std::vector<ReviewedItem> duplicateCopiesToMove(const DuplicateGroup& group,
 }
 
 ReviewedItem reviewedItemOf(const LargeOldItem& item) {
-    return {item.path, {item.device, item.inode}, std::nullopt};
+    return {
+        item.path,
+        {item.device, item.inode, static_cast<std::uint32_t>(item.isPackage ? S_IFDIR : S_IFREG)},
+        std::nullopt};
 }
 
 } // namespace sd

@@ -1,11 +1,11 @@
 #include "review/ReviewWalk.h"
 
+#include "base/CleanerError.h"
+#include "base/Saturating.h"
 #include "core/ByteFormat.h"
-#include "core/CleanerError.h"
 #include "core/CoreFileSystem.h"
 #include "core/MockRoots.h"
 #include "core/PathRules.h"
-#include "core/Saturating.h"
 #include "platform/FileSystemExtras.h"
 #include "platform/ScopeTables.h"
 

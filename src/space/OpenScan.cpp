@@ -1,5 +1,6 @@
 #include "space/OpenScan.h"
 
+#include "base/Saturating.h"
 #include "core/PathRules.h"
 
 #include <algorithm>
@@ -30,10 +31,6 @@ void pushBounded(std::vector<Finding>& heap, Finding file, std::uint32_t topN) {
     std::pop_heap(heap.begin(), heap.end(), WorstFirst{});
     heap.back() = std::move(file);
     std::push_heap(heap.begin(), heap.end(), WorstFirst{});
-}
-
-std::uint64_t saturatingSub(std::uint64_t a, std::uint64_t b) noexcept {
-    return a > b ? a - b : 0;
 }
 
 // Other apps' containers, which a sandboxed build can neither read nor move.

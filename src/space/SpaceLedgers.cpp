@@ -1,6 +1,6 @@
 #include "space/SpaceLedgers.h"
 
-#include "core/Saturating.h"
+#include "base/Saturating.h"
 
 #include <algorithm>
 #include <functional>

@@ -1,5 +1,6 @@
 #include "space/SpaceTree.h"
 
+#include "base/Saturating.h"
 #include "core/ByteFormat.h"
 #include "core/PathRules.h"
 
@@ -9,10 +10,6 @@
 
 namespace sd {
 namespace {
-
-std::uint64_t saturatingSub(std::uint64_t a, std::uint64_t b) noexcept {
-    return a > b ? a - b : 0;
-}
 
 // The nodes from the root down to the deepest one at or above `path`; empty when the path is
 // outside the tree.

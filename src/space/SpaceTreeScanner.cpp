@@ -1,14 +1,15 @@
 #include "space/SpaceTreeScanner.h"
 
+#include "base/OpenFlags.h"
+#include "base/PathText.h"
+#include "base/Saturating.h"
+#include "base/TestHooks.h"
 #include "core/ByteFormat.h"
 #include "core/CoreFileSystem.h"
 #include "core/MockRoots.h"
 #include "core/PathRules.h"
-#include "core/Saturating.h"
-#include "core/TestHooks.h"
 #include "platform/CloneAttributes.h"
 #include "platform/DirectoryReader.h"
-#include "platform/OpenFlags.h"
 
 #include <algorithm>
 #include <atomic>
@@ -52,10 +53,6 @@ constexpr size_t maxProblemWarnings = 20;
 constexpr std::chrono::milliseconds progressInterval{100};
 constexpr std::uint64_t progressBatch = 256;
 
-std::uint64_t saturatingSub(std::uint64_t a, std::uint64_t b) noexcept {
-    return a > b ? a - b : 0;
-}
-
 // The walk keeps one descriptor open per folder level on every worker.
 void raiseOpenFileLimit() {
     rlimit limit{};
@@ -67,12 +64,6 @@ void raiseOpenFileLimit() {
         limit.rlim_cur = wanted;
         ::setrlimit(RLIMIT_NOFILE, &limit); // the scan still works, with fewer workers' worth
     }
-}
-
-std::string lastComponent(std::string_view path) {
-    size_t slash = path.rfind('/');
-    std::string_view name = slash == std::string_view::npos ? path : path.substr(slash + 1);
-    return std::string(name.empty() ? path : name);
 }
 
 struct OpenRoot {
@@ -585,11 +576,11 @@ private:
     UniqueFd openChecked(int parentFd, const char* name, const struct stat& listed, Frame& parent,
                          bool isRootOfItem) {
         if constexpr (testhooks::enabled) {
-            testhooks::beforeOpenDirectory(isRootOfItem ? state_.rootPath : folderPath(parent),
-                                           name);
+            testhooks::beforeOpenDirectory(
+                sd::childPath(isRootOfItem ? state_.rootPath : folderPath(parent), name));
         }
         const std::string& where = isRootOfItem ? path_ : childPath(parent, name);
-        UniqueFd fd(::openat(parentFd, name, platform::listingOpenFlags));
+        UniqueFd fd(::openat(parentFd, name, listingOpenFlags));
         if (!fd) {
             int error = errno;
             if (error == ENOENT) {

@@ -1,7 +1,7 @@
 #pragma once
 
+#include "base/CleanerError.h"
 #include "catalog/DistributionMode.h"
-#include "core/CleanerError.h"
 #include "space/OpenScan.h"
 #include "space/SpaceScanOptions.h"
 #include "space/SpaceTree.h"

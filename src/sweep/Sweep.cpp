@@ -1,9 +1,9 @@
 #include "sweep/Sweep.h"
 
+#include "base/CleanerError.h"
+#include "base/Saturating.h"
 #include "catalog/InclusionPreferences.h"
-#include "core/CleanerError.h"
 #include "core/CoreFileSystem.h"
-#include "core/Saturating.h"
 #include "platform/Trash.h"
 
 #include <algorithm>

@@ -1,7 +1,7 @@
 #include "AppTestMain.h"
 
 #include "Fixture.h"
-#include "core/CleanerError.h"
+#include "base/CleanerError.h"
 #include "core/MockRoots.h"
 #include "core/PathRules.h"
 

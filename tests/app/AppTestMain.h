@@ -1,6 +1,6 @@
 #pragma once
 
-#include "core/TestHooks.h"
+#include "base/TestHooks.h"
 
 #include <QObject>
 #include <atomic>

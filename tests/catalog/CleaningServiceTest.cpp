@@ -1,7 +1,7 @@
 #include "catalog/CleaningService.h"
 
 #include "Fixture.h"
-#include "core/CleanerError.h"
+#include "base/CleanerError.h"
 #include "core/PathRules.h"
 
 #include <future>

@@ -1,11 +1,11 @@
 #include "core/CoreFileSystem.h"
 
 #include "Fixture.h"
-#include "core/CleanerError.h"
+#include "base/CleanerError.h"
 #include "core/MockRoots.h"
 #include "core/PathRules.h"
-#include "core/Saturating.h"
-#include "core/TestHooks.h"
+#include "base/Saturating.h"
+#include "base/TestHooks.h"
 
 #include <cerrno>
 #include <cstring>

@@ -2,7 +2,7 @@
 // regular files, and du for the same figure once folders' and links' own blocks are taken out.
 #include "Fixture.h"
 #include "core/CoreFileSystem.h"
-#include "core/Saturating.h"
+#include "base/Saturating.h"
 
 #include <gtest/gtest.h>
 

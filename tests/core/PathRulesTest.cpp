@@ -1,7 +1,7 @@
 #include "core/PathRules.h"
 
 #include "Fixture.h"
-#include "core/CleanerError.h"
+#include "base/CleanerError.h"
 #include "core/MockRoots.h"
 
 #include <cerrno>

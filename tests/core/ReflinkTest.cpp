@@ -1,6 +1,6 @@
 #include "Fixture.h"
 #include "LoopVolume.h"
-#include "core/CleanerError.h"
+#include "base/CleanerError.h"
 #include "core/CoreFileSystem.h"
 #include "core/Ledgers.h"
 

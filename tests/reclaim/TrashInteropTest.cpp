@@ -5,6 +5,7 @@
 #include "core/Ledgers.h"
 #include "platform/Trash.h"
 #include "reclaim/PutBack.h"
+#include "reclaim/TrashListing.h"
 #include "reclaim/VaultService.h"
 
 #include <algorithm>
@@ -95,7 +96,7 @@ std::string trashList() {
 
 std::vector<platform::TrashedEntry> entriesFrom(const std::string& originalPath) {
     std::vector<platform::TrashedEntry> found;
-    for (platform::TrashedEntry& entry : platform::listTrash()) {
+    for (platform::TrashedEntry& entry : listTrashMeasured()) {
         if (entry.originalPath == originalPath) {
             found.push_back(std::move(entry));
         }
@@ -196,7 +197,7 @@ void readsBackWhatToolMoved(const std::string& command) {
         EXPECT_FALSE(infoField(info, "DeletionDate").empty()) << info;
         EXPECT_EQ(entry.deletionDate, infoField(info, "DeletionDate"));
         EXPECT_EQ(entry.isDirectory, n.folder);
-        EXPECT_EQ(entry.bytes, peerAllocatedBytes(entry.trashPath));
+        EXPECT_EQ(entry.bytes.value_or(0), peerAllocatedBytes(entry.trashPath));
 
         EXPECT_EQ(restoreFromTrash(entry.trashPath, item, std::nullopt), RestoreOutcome::restored);
         platform::forgetTrashed(entry.trashPath);
@@ -297,7 +298,7 @@ TEST(TrashInterop, FolderSizeLineIsWrittenAndDroppedOnForget) {
         EXPECT_NE(sizes.find(sizeLine(bytes[i], trashPaths[i])), std::string::npos) << sizes;
         std::vector<platform::TrashedEntry> found = entriesFrom(folders[i]);
         ASSERT_EQ(found.size(), 1U);
-        EXPECT_EQ(found.front().bytes, bytes[i]);
+        EXPECT_EQ(found.front().bytes.value_or(0), bytes[i]);
     }
 
     std::string firstLine = sizeLine(bytes[0], trashPaths[0]);
@@ -329,7 +330,7 @@ TEST(TrashInterop, StaleFolderSizeLineIsNotBelieved) {
     ASSERT_EQ(runShell(tool("trash-put " + shellQuote(folder))).status, 0);
     std::vector<platform::TrashedEntry> found = entriesFrom(folder);
     ASSERT_EQ(found.size(), 1U);
-    EXPECT_EQ(found.front().bytes, peerAllocatedBytes(found.front().trashPath));
+    EXPECT_EQ(found.front().bytes.value_or(0), peerAllocatedBytes(found.front().trashPath));
 }
 
 // A small ext4 volume in a sparse image, loop-mounted inside the fixture home for one test.

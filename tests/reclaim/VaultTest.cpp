@@ -172,7 +172,7 @@ TEST(VaultPlanner, ClassifiesEachRequestAndDeniesWhatMustStay) {
     EXPECT_TRUE(cache.dirFingerprint.has_value());
     struct stat st {};
     ASSERT_EQ(::lstat((dir + "/cache").c_str(), &st), 0);
-    EXPECT_EQ(cache.identityToken, makeIdentityToken(st.st_dev, st.st_ino));
+    EXPECT_EQ(cache.identityToken, identityToken(EntryIdentity::of(st)));
     EXPECT_EQ(plan.items[6].friction, VaultFriction::confirmOwnFiles);
     EXPECT_EQ(plan.items[6].classification, VaultClassification::obviousUserData);
 
@@ -240,7 +240,7 @@ TEST(VaultMove, EachItemIsCheckedAgainRightBeforeItMoves) {
     EXPECT_EQ(outcome.moved[0].identityToken, plan.items[3].identityToken);
     struct stat st {};
     EXPECT_EQ(::lstat(trashed("moved").c_str(), &st), 0);
-    EXPECT_EQ(makeIdentityToken(st.st_dev, st.st_ino), plan.items[3].identityToken);
+    EXPECT_EQ(identityToken(EntryIdentity::of(st)), plan.items[3].identityToken);
     EXPECT_EQ(::lstat((dir + "/kept").c_str(), &st), 0) << "an item left unticked never moves";
 
     ASSERT_EQ(outcome.stayed.size(), 2U);

@@ -2,9 +2,9 @@
 
 #include "Fixture.h"
 #include "core/ByteFormat.h"
-#include "core/CleanerError.h"
-#include "core/TestHooks.h"
-#include "core/UniqueFd.h"
+#include "base/CleanerError.h"
+#include "base/TestHooks.h"
+#include "base/UniqueFd.h"
 #include "reclaim/VaultPolicy.h"
 #include "review/ContentDigest.h"
 

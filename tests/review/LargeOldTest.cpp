@@ -1,6 +1,6 @@
 #include "Fixture.h"
 #include "LoopVolume.h"
-#include "core/PercentEncoding.h"
+#include "base/PercentEncoding.h"
 #include "platform/Dirs.h"
 #include "platform/LastOpened.h"
 #include "reclaim/VaultPolicy.h"

@@ -1,7 +1,7 @@
 #include "review/ReviewWalk.h"
 
 #include "Fixture.h"
-#include "core/CleanerError.h"
+#include "base/CleanerError.h"
 
 #include <algorithm>
 #include <gtest/gtest.h>

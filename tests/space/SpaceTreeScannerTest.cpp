@@ -8,7 +8,7 @@
 #include "SpaceFixture.h"
 #include "core/ByteFormat.h"
 #include "core/PathRules.h"
-#include "core/TestHooks.h"
+#include "base/TestHooks.h"
 
 #include <cstdio>
 #include <functional>

@@ -1,8 +1,8 @@
 #include "platform/CloneAttributes.h"
 
-#include "core/CleanerError.h"
-#include "core/Saturating.h"
-#include "core/UniqueFd.h"
+#include "base/CleanerError.h"
+#include "base/Saturating.h"
+#include "base/UniqueFd.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,6 +1,6 @@
 #include "platform/DirectoryReader.h"
 
-#include "core/CleanerError.h"
+#include "base/CleanerError.h"
 
 #include <cerrno>
 #include <cstddef>

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <stdio.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace sd::platform {
 
@@ -18,6 +19,22 @@ std::optional<Timestamp> birthTime(int dirFd, const char* name, const struct sta
         return std::nullopt;
     }
     return Timestamp{stx.stx_btime.tv_sec, stx.stx_btime.tv_nsec};
+}
+
+Timestamp modifiedTime(const struct stat& st) noexcept {
+    return {st.st_mtim.tv_sec, st.st_mtim.tv_nsec};
+}
+
+Timestamp changedTime(const struct stat& st) noexcept {
+    return {st.st_ctim.tv_sec, st.st_ctim.tv_nsec};
+}
+
+Timestamp accessedTime(const struct stat& st) noexcept {
+    return {st.st_atim.tv_sec, st.st_atim.tv_nsec};
+}
+
+bool makePipe(int (&ends)[2]) noexcept {
+    return ::pipe2(ends, O_CLOEXEC) == 0;
 }
 
 bool isDataless(const struct stat&) {

@@ -1,7 +1,7 @@
 #include "platform/LastOpened.h"
 
-#include "core/PercentEncoding.h"
-#include "core/UniqueFd.h"
+#include "base/PercentEncoding.h"
+#include "base/UniqueFd.h"
 #include "platform/Dirs.h"
 
 #include <algorithm>

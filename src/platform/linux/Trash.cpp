@@ -3,18 +3,19 @@
 // so a crash can leave an orphan record but never an item nobody knows the origin of.
 #include "platform/Trash.h"
 
-#include "core/CleanerError.h"
-#include "core/CoreFileSystem.h"
-#include "core/FileIo.h"
-#include "core/PathRules.h"
-#include "core/PercentEncoding.h"
-#include "core/Saturating.h"
-#include "core/UniqueFd.h"
+#include "base/CleanerError.h"
+#include "base/Descriptors.h"
+#include "base/FileIo.h"
+#include "base/OpenFlags.h"
+#include "base/PathText.h"
+#include "base/PercentEncoding.h"
+#include "base/Saturating.h"
+#include "base/UniqueFd.h"
 #include "platform/DirectoryReader.h"
 #include "platform/Dirs.h"
 #include "platform/FileSystemExtras.h"
-#include "platform/OpenFlags.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <ctime>
@@ -37,30 +38,6 @@ std::string uidText() {
 
 std::string homeTrashPath() {
     return dataHome() + "/Trash";
-}
-
-// Opens a folder chain from "/" without following any link, creating missing folders with mode
-// 0700 when asked. Empty with errno set on failure.
-UniqueFd openChain(const std::string& path, bool create) {
-    UniqueFd fd(::open("/", searchOpenFlags));
-    if (!fd) {
-        return fd;
-    }
-    for (std::string_view component : splitComponents(path)) {
-        std::string name(component);
-        UniqueFd next = openSearch(fd.get(), name.c_str());
-        if (!next && errno == ENOENT && create) {
-            if (::mkdirat(fd.get(), name.c_str(), 0700) != 0 && errno != EEXIST) {
-                return {};
-            }
-            next = openSearch(fd.get(), name.c_str());
-        }
-        if (!next) {
-            return {};
-        }
-        fd = std::move(next);
-    }
-    return fd;
 }
 
 UniqueFd openOrMake(int parentFd, const char* name) {
@@ -150,13 +127,13 @@ std::optional<TrashRoot> finishRoot(UniqueFd dir, std::string path, std::string 
 std::optional<TrashRoot> openTrashFor(const std::string& path, dev_t device) {
     if (homeTrashDevice() == device) {
         std::string trash = homeTrashPath();
-        return finishRoot(openChain(trash, true), trash, {}, device);
+        return finishRoot(openChain(trash, CreateMissing::yes), trash, {}, device);
     }
     std::optional<std::string> top = topDirectoryOf(path, device);
     if (!top) {
         return std::nullopt;
     }
-    UniqueFd topFd = openChain(*top, false);
+    UniqueFd topFd = openChain(*top);
     if (!topFd) {
         return std::nullopt;
     }
@@ -354,7 +331,7 @@ std::vector<RootLocation> existingTrashRoots() {
     std::vector<RootLocation> existing;
     std::vector<std::pair<dev_t, ino_t>> seen;
     for (RootLocation& root : roots) {
-        UniqueFd fd = openChain(root.path, false);
+        UniqueFd fd = openChain(root.path);
         struct stat st {};
         if (!fd || ::fstat(fd.get(), &st) != 0) {
             continue;
@@ -444,7 +421,7 @@ bool trashCanTake(const std::string& path, const struct stat& st) {
     if (::statvfs(top->c_str(), &fs) != 0 || (fs.f_flag & ST_RDONLY) != 0) {
         return false;
     }
-    UniqueFd topFd = openChain(*top, false);
+    UniqueFd topFd = openChain(*top);
     if (!topFd) {
         return false;
     }
@@ -479,7 +456,7 @@ void forgetTrashed(const std::string& trashPath) {
         return;
     }
     std::string root = filesDir.substr(0, filesDir.size() - 6);
-    UniqueFd rootFd = openChain(root, false);
+    UniqueFd rootFd = openChain(root);
     if (!rootFd) {
         return;
     }
@@ -493,7 +470,7 @@ void forgetTrashed(const std::string& trashPath) {
 std::vector<TrashedEntry> listTrash() {
     std::vector<TrashedEntry> entries;
     for (const RootLocation& root : existingTrashRoots()) {
-        UniqueFd rootFd = openChain(root.path, false);
+        UniqueFd rootFd = openChain(root.path);
         if (!rootFd) {
             continue;
         }
@@ -545,7 +522,10 @@ std::vector<TrashedEntry> listTrash() {
             }
             entry.deletionDate = record->date;
             entry.isDirectory = S_ISDIR(st.st_mode);
-            entry.bytes = S_ISREG(st.st_mode) ? allocatedBytesOf(st) : 0;
+            entry.identity = EntryIdentity::of(st);
+            if (!entry.isDirectory) {
+                entry.bytes = allocatedBytesOf(st);
+            }
             if (entry.isDirectory) {
                 // A line is only as good as the record it was written with: a tool that put the
                 // folder back may have left it, and a later folder of the same name has a newer
@@ -561,16 +541,6 @@ std::vector<TrashedEntry> listTrash() {
                                            });
                 if (cached != folderSizes.end()) {
                     entry.bytes = cached->bytes;
-                } else {
-                    std::vector<std::string> warnings;
-                    FootprintTally tally;
-                    try {
-                        entry.bytes = measureFootprint(entry.trashPath, EntryIdentity::of(st),
-                                                       warnings, tally)
-                                          .allocatedBytes;
-                    } catch (const CleanerError&) {
-                        entry.bytes = 0;
-                    }
                 }
             }
             entries.push_back(std::move(entry));

@@ -1,8 +1,8 @@
 #include "platform/UserDefaults.h"
 
-#include "core/CleanerError.h"
-#include "core/FileIo.h"
-#include "core/UniqueFd.h"
+#include "base/CleanerError.h"
+#include "base/FileIo.h"
+#include "base/UniqueFd.h"
 #include "platform/Dirs.h"
 
 #include <cerrno>

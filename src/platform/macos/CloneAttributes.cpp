@@ -1,7 +1,7 @@
 #include "platform/CloneAttributes.h"
 
-#include "core/CleanerError.h"
-#include "core/Saturating.h"
+#include "base/CleanerError.h"
+#include "base/Saturating.h"
 
 #include <cerrno>
 #include <cstring>

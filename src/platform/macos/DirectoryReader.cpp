@@ -1,7 +1,7 @@
 #include "platform/DirectoryReader.h"
 
-#include "core/CleanerError.h"
-#include "core/UniqueFd.h"
+#include "base/CleanerError.h"
+#include "base/UniqueFd.h"
 
 #include <cerrno>
 #include <dirent.h>

@@ -1,6 +1,6 @@
 #include "platform/Dirs.h"
 
-#include "core/PathRules.h"
+#include "platform/Home.h"
 
 namespace sd::platform {
 

@@ -2,17 +2,17 @@
 // names collisions itself and records where the item came from so Finder's Put Back works.
 #include "platform/Trash.h"
 
-#include "core/CleanerError.h"
-#include "core/CoreFileSystem.h"
-#include "core/PathRules.h"
-#include "core/Saturating.h"
+#include "base/CleanerError.h"
+#include "base/Descriptors.h"
+#include "base/Saturating.h"
+#include "platform/DirectoryReader.h"
+#include "platform/Home.h"
 
 #import <Foundation/Foundation.h>
-
+#include <algorithm>
+#include <cerrno>
 #include <fcntl.h>
 #include <sys/stat.h>
-
-#include <cerrno>
 
 namespace sd::platform {
 namespace {
@@ -74,30 +74,24 @@ std::vector<std::string> trashFolders() {
 std::vector<TrashedEntry> listTrash() {
     std::vector<TrashedEntry> entries;
     for (const std::string& folder : trashFolders()) {
+        UniqueFd fd = openChain(folder);
         std::vector<std::string> names;
-        try {
-            std::optional<ParentHandle> parent = openParent(folder);
-            UniqueFd fd = parent ? openListing(parent->fd.get(), parent->name.c_str()) : UniqueFd();
-            if (!fd) {
-                continue;
-            }
-            names = listDirectory(fd.get(), folder);
-        } catch (const CleanerError&) {
+        if (!fd || !readDirectoryNames(fd.get(), names).operation.empty()) {
             continue;
         }
+        std::sort(names.begin(), names.end());
         for (const std::string& name : names) {
-            std::string item = folder + "/" + name;
-            std::vector<std::string> warnings;
-            FootprintTally tally;
-            TrashedEntry entry;
-            entry.trashPath = item;
-            try {
-                entry.bytes = measureFootprint(item, std::nullopt, warnings, tally).allocatedBytes;
-            } catch (const CleanerError&) {
+            struct stat st {};
+            if (::fstatat(fd.get(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
                 continue;
             }
-            struct stat st {};
-            entry.isDirectory = ::lstat(item.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+            TrashedEntry entry;
+            entry.trashPath = folder + "/" + name;
+            entry.identity = EntryIdentity::of(st);
+            entry.isDirectory = S_ISDIR(st.st_mode);
+            if (!entry.isDirectory) {
+                entry.bytes = allocatedBytesOf(st);
+            }
             entries.push_back(std::move(entry));
         }
     }

@@ -1,4 +1,4 @@
-#include "core/CleanerError.h"
+#include "base/CleanerError.h"
 
 #include <cerrno>
 #include <cstring>

@@ -1,4 +1,4 @@
-#include "core/PercentEncoding.h"
+#include "base/PercentEncoding.h"
 
 namespace sd {
 

@@ -11,14 +11,14 @@ namespace sd::testhooks {
 #ifdef SPARROWDECK_TEST_HOOKS
 inline constexpr bool enabled = true;
 void setBeforeOpenDirectory(std::function<void(const std::string& path)> hook);
-void beforeOpenDirectory(const std::string& parentPath, const char* name);
+void beforeOpenDirectory(const std::string& path);
 // Between the duplicate comparer's last read and its re-check of every member, where a test
 // changes a file that has already been hashed.
 void setAfterHashing(std::function<void()> hook);
 void afterHashing();
 #else
 inline constexpr bool enabled = false;
-inline void beforeOpenDirectory(const std::string&, const char*) {}
+inline void beforeOpenDirectory(const std::string&) {}
 inline void setAfterHashing(std::function<void()>) {}
 inline void afterHashing() {}
 #endif

@@ -2,11 +2,11 @@
 
 #include <fcntl.h>
 
-namespace sd::platform {
+namespace sd {
 
 // Flags for a descriptor that is only used to descend: it needs search permission on the
 // directory, not read permission, and never follows a link in the last component.
-#if defined(__linux__)
+#if defined(O_PATH)
 inline constexpr int searchOpenFlags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 #elif defined(O_SEARCH)
 inline constexpr int searchOpenFlags = O_SEARCH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
@@ -17,4 +17,4 @@ inline constexpr int searchOpenFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_C
 // Flags for a descriptor whose entries will be read.
 inline constexpr int listingOpenFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
-} // namespace sd::platform
+} // namespace sd

@@ -1,6 +1,6 @@
-#include "core/FileIo.h"
+#include "base/FileIo.h"
 
-#include "core/CleanerError.h"
+#include "base/CleanerError.h"
 
 #include <cerrno>
 #include <fcntl.h>

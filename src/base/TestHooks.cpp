@@ -1,4 +1,4 @@
-#include "core/TestHooks.h"
+#include "base/TestHooks.h"
 
 #ifdef SPARROWDECK_TEST_HOOKS
 
@@ -16,14 +16,14 @@ void setBeforeOpenDirectory(std::function<void(const std::string& path)> hook) {
     beforeOpen = std::move(hook);
 }
 
-void beforeOpenDirectory(const std::string& parentPath, const char* name) {
+void beforeOpenDirectory(const std::string& path) {
     std::function<void(const std::string&)> hook;
     {
         std::lock_guard guard(lock);
         hook = beforeOpen;
     }
     if (hook) {
-        hook(parentPath == "/" ? "/" + std::string(name) : parentPath + "/" + name);
+        hook(path);
     }
 }
 

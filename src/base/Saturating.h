@@ -11,6 +11,10 @@ constexpr std::uint64_t saturatingAdd(std::uint64_t a, std::uint64_t b) noexcept
     return __builtin_add_overflow(a, b, &sum) ? std::numeric_limits<std::uint64_t>::max() : sum;
 }
 
+constexpr std::uint64_t saturatingSub(std::uint64_t a, std::uint64_t b) noexcept {
+    return a > b ? a - b : 0;
+}
+
 constexpr std::uint64_t saturatingMul(std::uint64_t a, std::uint64_t b) noexcept {
     std::uint64_t product = 0;
     return __builtin_mul_overflow(a, b, &product) ? std::numeric_limits<std::uint64_t>::max()
