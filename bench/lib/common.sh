@@ -102,3 +102,11 @@ for peer in peers:
 sys.exit(0 if ok else 3)
 PY
 }
+
+# The cores and the load before a timed run: on a shared machine other work slows every command,
+# and the spread of the times says how unevenly.
+machine_note() {
+  local load
+  load=$(cut -d' ' -f1 /proc/loadavg 2>/dev/null || echo unknown)
+  printf '%s cores, load average %s' "$(nproc)" "$load"
+}
