@@ -87,7 +87,7 @@ ours = results[ours_name]
 width = max(len(name) for name in results) + 1
 print(f"  {label}:")
 for name, r in results.items():
-    print(f"    {name:{width}s} {r['mean'] * 1000:9.1f} ms ± {r['stddev'] * 1000:6.1f} ms "
+    print(f"    {name:{width}s} {r['mean'] * 1000:9.1f} ms ± {(r['stddev'] or 0) * 1000:6.1f} ms "
           f"(user {r['user'] * 1000:.1f} ms, system {r['system'] * 1000:.1f} ms)")
 ok = True
 for peer in peers:
