@@ -21,6 +21,7 @@ struct SpaceOptions {
     bool json = false;
     std::optional<double> budget;
     int depth = defaultSpaceScanOptions.maxDepth;
+    unsigned workers = 0;
 };
 
 // The line the terminal redraws while a scan runs, with the big finds since the last call each
@@ -162,10 +163,13 @@ void addSpaceCommand(CLI::App& app, int& exitStatus) {
         ->add_option("--depth", options->depth,
                      "Levels of folders below the root shown as their own items (default 6)")
         ->check(CLI::Range(1, SpaceTreeScanner::maxNestingDepth));
+    // For benchmarks that compare worker counts; people never need it, so it is not listed.
+    command->add_option("--workers", options->workers)->check(CLI::Range(1, 256))->group("");
     command->callback([options, &exitStatus] {
         SpaceTreeScanner scanner;
         scanner.options.maxDepth = options->depth;
         scanner.budget = options->budget;
+        scanner.workerCount = options->workers;
         std::string root = options->path.empty() ? homeDirectory() : options->path;
         SpaceScanResult result;
         OperationProgress progress;

@@ -57,6 +57,7 @@ struct Member {
     ReviewCandidate file;
     std::vector<ReviewCandidate> sharing; // other names of the same storage
     std::optional<std::uint64_t> storageKey;
+    std::optional<std::uint64_t> place; // where its first block lies, read in the first stage
     ContentDigest sample{};
     ContentDigest full{};
     bool failed = false;
@@ -135,8 +136,10 @@ class Comparison {
 public:
     Comparison(const DuplicateComparer& comparer, DuplicateReport& report)
         : comparer_(comparer), options_(comparer.options), report_(report), started_(Clock::now()) {
-        unsigned cores = std::max(1u, std::thread::hardware_concurrency());
-        threads_ = options_.hashThreads != 0 ? options_.hashThreads : std::min(4u, cores);
+        // At least four readers, so a cold disk always has requests to order; at most one per
+        // core beyond that, since hashing is the processor's work.
+        threads_ = options_.hashThreads != 0 ? options_.hashThreads
+                                             : std::clamp(hardwareWorkers(), 4u, 16u);
         bufferBytes_ =
             std::max<size_t>(contentChunkBytes, static_cast<size_t>(2 * options_.sampleBytes));
     }
@@ -306,6 +309,7 @@ private:
                     m.file.cloneID ? m.file.cloneID : platform::sharedStorageKey(fd.get(), st);
             }
         }
+        m.place = platform::firstPhysicalOffset(fd.get());
         std::optional<ContentDigest> sample = sampleDigest(
             fd.get(), m.file.logicalSize, options_.sampleBytes, w.buffer, w.sha, &bytesRead_);
         if (!sample) {
@@ -421,9 +425,11 @@ private:
         return Outcome::done;
     }
 
-    // Reads every member of every unit, in inode order across units so a disk reads in the order
-    // files were laid down, on several threads at once. `read` gets a null member for a unit
-    // read side by side as one task.
+    // Reads every member of every unit across units in the order a disk holds them: by the place
+    // of the first block where the first stage learned it, else by inode, which on most file
+    // systems follows the order files were laid down. Several threads read at once, so a cold
+    // disk has several requests to order. `read` gets a null member for a unit read side by side
+    // as one task.
     template <typename Read>
     void runStage(std::vector<WorkUnit>& units, Clock::time_point deadline, Reading reading,
                   Read read) {
@@ -431,25 +437,27 @@ private:
         constexpr size_t wholeUnit = static_cast<size_t>(-1);
         struct Task {
             std::uint64_t device;
-            std::uint64_t inode;
+            bool unplaced; // placed files first, by place; the rest by inode
+            std::uint64_t order;
             size_t unit;
             size_t member;
+        };
+        auto taskOf = [](const Member& m, size_t unit, size_t member) {
+            return Task{m.file.device, !m.place, m.place.value_or(m.file.inode), unit, member};
         };
         std::vector<Task> tasks;
         for (size_t u = 0; u < units.size(); ++u) {
             if (reading == Reading::sideBySide && units[u].members.size() <= sideBySideLimit) {
-                const ReviewCandidate& f = units[u].members[0].file;
-                tasks.push_back({f.device, f.inode, u, wholeUnit});
+                tasks.push_back(taskOf(units[u].members[0], u, wholeUnit));
                 continue;
             }
             for (size_t i = 0; i < units[u].members.size(); ++i) {
-                const ReviewCandidate& f = units[u].members[i].file;
-                tasks.push_back({f.device, f.inode, u, i});
+                tasks.push_back(taskOf(units[u].members[i], u, i));
             }
         }
         std::sort(tasks.begin(), tasks.end(), [](const Task& a, const Task& b) {
-            return std::tie(a.device, a.inode, a.unit, a.member) <
-                   std::tie(b.device, b.inode, b.unit, b.member);
+            return std::tie(a.device, a.unplaced, a.order, a.unit, a.member) <
+                   std::tie(b.device, b.unplaced, b.order, b.unit, b.member);
         });
         parallelForEach(
             tasks.size(), threads_, comparer_.stop, [&] { return Worker(bufferBytes_); },

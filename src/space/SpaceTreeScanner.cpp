@@ -1131,6 +1131,9 @@ SpaceScanResult SpaceTreeScanner::scan(std::string_view rootArgument, const std:
     statistics_.workers = static_cast<unsigned>(walkers.size());
     statistics_.workItems = state.workItems.load();
     statistics_.splits = state.splits.load();
+    for (const auto& walker : walkers) {
+        statistics_.entriesPerWorker.push_back(walker->partial.nodeCount);
+    }
     Drained drained = drain(rootWalker, std::move(rootItem), walkers, options.findings.topN);
 
     // ---- one tree, merged by path, with the ledgers' corrections --------------------------

@@ -12,6 +12,7 @@
 #include <stop_token>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace sd {
 
@@ -56,6 +57,7 @@ public:
         unsigned workers = 0; // workers that took part, those added while waiting on the disk too
         std::uint64_t workItems = 0; // top-level folders plus the parts split off below them
         std::uint64_t splits = 0;    // folders whose unread rest went to another worker
+        std::vector<std::uint64_t> entriesPerWorker; // what each worker examined
     };
     const Statistics& statistics() const noexcept { return statistics_; }
 
