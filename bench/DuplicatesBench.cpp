@@ -7,9 +7,9 @@
 
 #include "BenchSupport.h"
 #include "base/CleanerError.h"
+#include "base/UniqueFd.h"
 #include "core/MockRoots.h"
 #include "core/PathRules.h"
-#include "base/UniqueFd.h"
 #include "review/ContentDigest.h"
 #include "review/DuplicateComparer.h"
 

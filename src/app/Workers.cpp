@@ -127,7 +127,7 @@ void SweepRunner::start() {
     auto live = std::make_shared<SweepProgress>();
     sweepProgress_ = live;
     runner_.start<std::shared_ptr<Sweep>>(
-        [live](std::stop_token stop) {
+        [live](const std::stop_token& stop) {
             auto sweep = std::make_shared<Sweep>(DistributionMode::direct,
                                                  platform::UserDefaults::standard(), homePolicy());
             sweep->run(stop, live.get());
@@ -141,7 +141,7 @@ void SweepRunner::reclaim(std::shared_ptr<Sweep> sweep, std::set<SweepTileKind> 
     live->setPhase("Checking each item before it moves");
     reclaimProgress_ = live;
     runner_.start<SweepReclaimResult>(
-        [sweep, kinds, live](std::stop_token stop) {
+        [sweep, kinds, live](const std::stop_token& stop) {
             ReclaimJournal journal = ReclaimJournal::standard();
             journal.load();
             return sweep->reclaim(kinds, journal, stop, live.get());
@@ -165,7 +165,7 @@ std::shared_ptr<OperationProgress> CleanupRunner::freshProgress(const char* phas
 void CleanupRunner::measure(std::vector<Target> targets, std::map<std::string, bool> included) {
     auto live = freshProgress("Starting the scan");
     runner_.start<std::optional<ScanResult>>(
-        [live, targets = std::move(targets), included = std::move(included)](std::stop_token stop) {
+        [live, targets = std::move(targets), included = std::move(included)](const std::stop_token& stop) {
             CleaningService service(homePolicy());
             return service.scan(targets, included, stop, live.get());
         },
@@ -181,7 +181,7 @@ void CleanupRunner::prepare(std::vector<Target> targets,
     auto live = freshProgress("Measuring what moving to the Trash would free");
     runner_.start<CleanPlan>(
         [live, targets = std::move(targets),
-         cleanIncluded = std::move(cleanIncluded)](std::stop_token stop) {
+         cleanIncluded = std::move(cleanIncluded)](const std::stop_token& stop) {
             CleaningService service(homePolicy());
             std::vector<CleanError> errors;
             std::vector<CacheCleaningCandidate> candidates =
@@ -198,7 +198,7 @@ void CleanupRunner::clean(CleanPlan plan, std::vector<Target> targets,
     auto live = freshProgress("Starting to move");
     runner_.start<CleanOutcome>(
         [live, plan = std::move(plan), targets = std::move(targets),
-         included = std::move(included)](std::stop_token stop) {
+         included = std::move(included)](const std::stop_token& stop) {
             throwIfStopped(stop);
             CleaningService service(homePolicy());
             ReclaimJournal journal = ReclaimJournal::standard();
@@ -234,7 +234,7 @@ PutBackRunner::PutBackRunner(QObject* parent) : QObject(parent) {
 
 void PutBackRunner::putBack(std::string entryID, std::optional<std::string> group) {
     runner_.start<TrashRestoreResult>(
-        [entryID = std::move(entryID), group = std::move(group)](std::stop_token stop) {
+        [entryID = std::move(entryID), group = std::move(group)](const std::stop_token& stop) {
             ReclaimJournal journal = ReclaimJournal::standard();
             journal.load();
             return journal.putBack(entryID, group, stop);
@@ -254,7 +254,7 @@ void SpaceRunner::scan(std::string root, std::optional<double> budget,
     live->setPhase("Starting the scan");
     progress_ = live;
     runner_.start<SpaceScanResult>(
-        [live, root = std::move(root), budget, streamMinimumBytes](std::stop_token stop) {
+        [live, root = std::move(root), budget, streamMinimumBytes](const std::stop_token& stop) {
             SpaceTreeScanner scanner;
             scanner.budget = budget;
             if (streamMinimumBytes) {
@@ -324,7 +324,7 @@ ProgressReading ReviewRunner::progress() const {
 void ReviewRunner::findLargeOld(LargeOldOptions options) {
     auto live = freshProgress("Reading your folders");
     runner_.start<LargeOldFound>(
-        [live, options](std::stop_token stop) {
+        [live, options](const std::stop_token& stop) {
             LargeOldFinder finder = LargeOldFinder::standard(homeDirectory());
             finder.options = options;
             finder.stop = stop;
@@ -347,7 +347,7 @@ void ReviewRunner::findLargeOld(LargeOldOptions options) {
 void ReviewRunner::findDuplicates(std::string root, DuplicateOptions options) {
     auto live = freshProgress("Reading your folders");
     runner_.start<DuplicatesFound>(
-        [live, root = std::move(root), options](std::stop_token stop) {
+        [live, root = std::move(root), options](const std::stop_token& stop) {
             DuplicateComparer comparer;
             comparer.options = options;
             comparer.candidates = collectDuplicateCandidates(DuplicateScope{root, homeDirectory()},
@@ -375,7 +375,7 @@ void ReviewRunner::move(std::vector<ReviewedItem> items, std::string title, std:
     freshProgress("Checking each item before it moves");
     runner_.start<ReviewMoveResult>(
         [items = std::move(items), title = std::move(title),
-         group = std::move(group)](std::stop_token stop) {
+         group = std::move(group)](const std::stop_token& stop) {
             ReclaimJournal journal = ReclaimJournal::standard();
             journal.load();
             VaultService vault = VaultService::standard(homePolicy());

@@ -4,11 +4,29 @@
 #include <cstring>
 
 namespace sd {
+namespace {
+
+// strerror_r comes in two shapes, the XSI one that fills the buffer and the GNU one that may
+// return a static text instead; both are read the same way here.
+[[maybe_unused]] const char* textOf(int result, const char* buffer) {
+    return result == 0 ? buffer : "Unknown error";
+}
+[[maybe_unused]] const char* textOf(const char* result, const char*) {
+    return result;
+}
+
+} // namespace
+
+std::string errorText(int error) {
+    char buffer[256] = {};
+    return textOf(::strerror_r(error, buffer, sizeof buffer), buffer);
+}
+
 
 CleanerError makeCoreError(std::string_view operation, std::string_view path, int error) {
     std::string message;
     message.reserve(operation.size() + path.size() + 48);
-    message.append(operation).append(" ").append(path).append(": ").append(std::strerror(error));
+    message.append(operation).append(" ").append(path).append(": ").append(errorText(error));
     CleanerError::Kind kind = CleanerError::Kind::ioError;
     if (error == EPERM || error == EACCES) {
         kind = CleanerError::Kind::accessDenied;

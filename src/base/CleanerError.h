@@ -50,4 +50,8 @@ CleanerError makeCoreError(std::string_view operation, std::string_view path, in
 
 const char* kindName(CleanerError::Kind kind) noexcept;
 
+// The system's sentence for an errno value ("No such file or directory"), safe to ask from any
+// thread, unlike strerror.
+std::string errorText(int error);
+
 } // namespace sd

@@ -476,20 +476,20 @@ const Target* findTarget(const std::vector<Target>& catalog, std::string_view id
     return nullptr;
 }
 
-std::string displayName(const Target& target, const PathSpec& spec) {
-    if (spec.name) {
-        return *spec.name;
+std::string displayName(const Target& target, const PathSpec& path) {
+    if (path.name) {
+        return *path.name;
     }
-    if (spec.app) {
+    if (path.app) {
         for (const AppGroup& app : target.apps) {
-            if (app.id == *spec.app) {
+            if (app.id == *path.app) {
                 return app.name;
             }
         }
     }
-    std::string shown = spec.pathTemplate;
-    if (spec.pattern) {
-        shown += "/" + *spec.pattern;
+    std::string shown = path.pathTemplate;
+    if (path.pattern) {
+        shown += "/" + *path.pattern;
     }
     return shown;
 }

@@ -129,7 +129,7 @@ void addMeasureCommand(CLI::App& app, int& exitStatus) {
         OperationProgress progress;
         std::vector<Measurement> results;
         runWithProgress(
-            [&](std::stop_token stop) {
+            [&](const std::stop_token& stop) {
                 for (const std::string& path : options->paths) {
                     results.push_back(measureOne(path, stop, progress));
                     if (stop.stop_requested()) {

@@ -201,7 +201,7 @@ void addDuplicatesCommand(CLI::App& app, int& exitStatus) {
                         "An absolute folder inside your home folder (default: the home folder)");
     command->add_flag("--json", options->json, "Write the report as JSON");
     command->callback([options, &exitStatus] {
-        const std::string home = homeDirectory();
+        const std::string& home = homeDirectory();
         DuplicateScope scope{options->folder.empty() ? home : options->folder, home};
         DuplicateReport report;
         bool done = runSearch(
@@ -246,7 +246,7 @@ void addLargeOldCommand(CLI::App& app, int& exitStatus) {
                      "Smallest size in bytes (default 52428800, 50 MiB)")
         ->check(wholeNumber);
     command->callback([options, &exitStatus] {
-        const std::string home = homeDirectory();
+        const std::string& home = homeDirectory();
         LargeOldFinder finder = LargeOldFinder::standard(home);
         if (options->olderThanDays) {
             finder.options.unusedFor = static_cast<double>(*options->olderThanDays) * 86'400;

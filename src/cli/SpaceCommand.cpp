@@ -7,6 +7,7 @@
 #include "space/SpaceTreeScanner.h"
 
 #include <CLI/CLI.hpp>
+#include <cmath>
 #include <cstdio>
 #include <iostream>
 #include <memory>
@@ -85,7 +86,7 @@ nlohmann::json toJson(const SpaceScanResult& result) {
 
 // A bar of `width` cells filled in proportion to `share` (0 to 1).
 std::string bar(double share, int width = 20) {
-    int filled = static_cast<int>(share * width + 0.5);
+    int filled = static_cast<int>(std::lround(share * width));
     filled = std::clamp(filled, share > 0 ? 1 : 0, width);
     std::string out;
     for (int i = 0; i < width; ++i) {
@@ -175,7 +176,7 @@ void addSpaceCommand(CLI::App& app, int& exitStatus) {
         OperationProgress progress;
         try {
             runWithProgress(
-                [&](std::stop_token stop) { result = scanner.scan(root, stop, &progress); },
+                [&](const std::stop_token& stop) { result = scanner.scan(root, stop, &progress); },
                 [&] { return scanStatus(progress); });
         } catch (const CleanerError& error) {
             std::fprintf(stderr, "%s — nothing was measured.\n", error.what());

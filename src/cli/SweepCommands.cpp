@@ -102,7 +102,7 @@ void runSweep(const SweepOptions& options, int& exitStatus) {
     }
 
     SweepProgress progress;
-    runWithProgress([&](std::stop_token stop) { sweep.run(stop, &progress); },
+    runWithProgress([&](const std::stop_token& stop) { sweep.run(stop, &progress); },
                     [&] {
                         std::uint64_t bytes = 0;
                         std::optional<std::string> current;
@@ -290,7 +290,7 @@ void runClean(const CleanOptions& options, int& exitStatus) {
     CleanPlan plan;
     try {
         runWithProgress(
-            [&](std::stop_token stop) {
+            [&](const std::stop_token& stop) {
                 before = service.scan(selected, prefs.scan, stop, &progress);
                 std::vector<CleanError> errors;
                 std::vector<CacheCleaningCandidate> candidates =
@@ -349,7 +349,7 @@ void runClean(const CleanOptions& options, int& exitStatus) {
             journal.load();
             JournalRecording recording{&journal, "Cleanup", JournalKind::caches, std::nullopt, {}};
             runWithProgress(
-                [&](std::stop_token stop) {
+                [&](const std::stop_token& stop) {
                     result = service.clean(plan, recording, stop, &progress);
                 },
                 status);

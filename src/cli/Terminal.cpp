@@ -43,7 +43,7 @@ void runWithProgress(const std::function<void(std::stop_token)>& work,
     std::condition_variable done;
     bool finished = false;
     std::exception_ptr failure;
-    std::jthread worker([&](std::stop_token stop) {
+    std::jthread worker([&](const std::stop_token& stop) {
         try {
             work(stop);
         } catch (...) {

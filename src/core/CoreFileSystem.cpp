@@ -464,7 +464,7 @@ public:
         if (!S_ISDIR(st.st_mode)) {
             return WalkStep::skip;
         }
-        if (stopsHere(entry.depth + base_)) {
+        if (stopsHere(entry.depth + baseDepth)) {
             absorb(in, cutOff(entry.name, entry.path()));
             return WalkStep::skip;
         }
@@ -483,7 +483,7 @@ public:
     }
     WalkStep problem(Folder&, const std::string&, const CleanerError& error) { throw error; }
 
-    int base_ = 0; // the depth of the walk's root
+    int baseDepth = 0; // the depth of the walk's root
 
 private:
     HardlinkLedger& ledger_;
@@ -497,7 +497,7 @@ InventoryNode buildInventory(int parentFd, const std::string& name, const std::s
                              std::chrono::steady_clock::time_point deadline, HardlinkLedger& ledger,
                              const std::stop_token& stop) {
     InventoryVisitor visitor(ledger, deadline);
-    visitor.base_ = depth;
+    visitor.baseDepth = depth;
     if (!S_ISDIR(st.st_mode)) {
         return visitor.leaf(name, path, st);
     }

@@ -118,7 +118,7 @@ public:
     // Closes the folder and hands back the buffer for the next listing.
     std::unique_ptr<char[]> close() noexcept;
 
-    static constexpr size_t bufferBytes = 32 * 1024;
+    static constexpr size_t bufferBytes = size_t{32} * 1024;
 
 private:
     struct Named {

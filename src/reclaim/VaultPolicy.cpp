@@ -150,24 +150,24 @@ VaultPolicy::VaultPolicy(std::string home, VCSIgnoreCheck vcsIgnore)
     }
 }
 
-std::optional<VaultDenyReason> VaultPolicy::verdict(std::string_view p) const {
+std::optional<VaultDenyReason> VaultPolicy::verdict(std::string_view foldedPath) const {
     for (const std::string& root : foldedSystemRoots_) {
-        if (isInside(p, root)) {
+        if (isInside(foldedPath, root)) {
             return VaultDenyReason::systemPath;
         }
     }
-    if (p == foldedHome_) {
+    if (foldedPath == foldedHome_) {
         return VaultDenyReason::protectedUserDir;
     }
     for (const ProtectedDirectory& dir : protected_) {
-        if (isInside(p, dir.path)) {
+        if (isInside(foldedPath, dir.path)) {
             return dir.cloud ? VaultDenyReason::cloudStorage : VaultDenyReason::protectedUserDir;
         }
     }
-    if (containsAny(p, packageNames)) {
+    if (containsAny(foldedPath, packageNames)) {
         return VaultDenyReason::photosLibraryInternal;
     }
-    for (std::string_view component : splitComponents(p)) {
+    for (std::string_view component : splitComponents(foldedPath)) {
         if (isSecretComponent(component)) {
             return VaultDenyReason::protectedUserDir;
         }
@@ -175,19 +175,19 @@ std::optional<VaultDenyReason> VaultPolicy::verdict(std::string_view p) const {
     return std::nullopt;
 }
 
-std::optional<VaultDenyReason> VaultPolicy::descendantVerdict(std::string_view item,
-                                                              std::string_view p) const {
-    // Only a protected folder that lies inside the item can be met below it.
+std::optional<VaultDenyReason> VaultPolicy::descendantVerdict(std::string_view foldedItem,
+                                                              std::string_view foldedPath) const {
+    // Only a protected folder that lies inside the foldedItem can be met below it.
     for (const ProtectedDirectory& dir : protected_) {
-        if (isInside(dir.path, item) && isInside(p, dir.path)) {
+        if (isInside(dir.path, foldedItem) && isInside(foldedPath, dir.path)) {
             return dir.cloud ? VaultDenyReason::cloudStorage : VaultDenyReason::protectedUserDir;
         }
     }
-    std::string_view below = p.substr(std::min(item.size(), p.size()));
+    std::string_view below = foldedPath.substr(std::min(foldedItem.size(), foldedPath.size()));
     if (containsAny(below, packageNames)) {
         return VaultDenyReason::photosLibraryInternal;
     }
-    if (isSecretComponent(lastComponent(p))) {
+    if (isSecretComponent(lastComponent(foldedPath))) {
         return VaultDenyReason::protectedUserDir;
     }
     return std::nullopt;

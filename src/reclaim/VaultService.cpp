@@ -412,7 +412,7 @@ std::vector<RecycleAnswer> recycleToTrash(const std::vector<RecycleRequest>& req
                 answer.error = stayedNote(request.path, VaultDenyReason::nonTrashableVolume);
             } else {
                 answer.error = request.path + ": the Trash refused it (" +
-                               std::string(std::strerror(moved.error)) + ") — left in place.";
+                               errorText(moved.error) + ") — left in place.";
             }
         } catch (const CleanerError& error) {
             answer.error = request.path + ": " + error.what() + " — left in place.";
@@ -422,7 +422,7 @@ std::vector<RecycleAnswer> recycleToTrash(const std::vector<RecycleRequest>& req
 }
 
 VaultService VaultService::standard(std::shared_ptr<const VaultPolicy> policy,
-                                    std::function<bool(const std::string&)> isCatalogued,
+                                    const std::function<bool(const std::string&)>& isCatalogued,
                                     DescendantRules descendants) {
     VaultService service;
     auto optionsFor = [policy, isCatalogued, descendants](const std::vector<std::string>& scopes) {
@@ -546,6 +546,7 @@ MoveOutcome VaultService::move(const VaultPlan& plan, std::vector<size_t> ticked
 
     if (!passing.empty()) {
         std::vector<RecycleRequest> requests;
+        requests.reserve(validated.size());
         for (const VaultPlanItem& item : validated) {
             requests.push_back({item.resolvedPath, item.identity(), item.physicalBytes});
         }

@@ -74,7 +74,7 @@ public:
     // The production vault over `policy`. `isCatalogued` tells which paths are known catalog
     // targets; `descendants` which rules judge what lies inside an item.
     static VaultService standard(std::shared_ptr<const VaultPolicy> policy,
-                                 std::function<bool(const std::string&)> isCatalogued = {},
+                                 const std::function<bool(const std::string&)>& isCatalogued = {},
                                  DescendantRules descendants = DescendantRules::policyAndUserData);
 
     // Validates each ticked item (indexes into `plan.items`, handled in plan order), hands those

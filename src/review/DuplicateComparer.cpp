@@ -283,7 +283,7 @@ private:
         UniqueFd fd = platform::openContent(parent->fd.get(), parent->name.c_str());
         if (!fd) {
             if (errno != ENOENT) {
-                warn("Couldn’t read " + m.file.path + ": " + std::strerror(errno) +
+                warn("Couldn’t read " + m.file.path + ": " + errorText(errno) +
                      " — left out of the comparison.");
             }
             return fd;

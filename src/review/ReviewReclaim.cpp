@@ -13,6 +13,7 @@ ReviewMoveResult moveReviewedItems(const VaultService& vault, ReclaimJournal& jo
                                    const std::string& group, const std::stop_token& stop) {
     ReviewMoveResult result;
     std::vector<std::string> paths;
+    paths.reserve(items.size());
     for (const ReviewedItem& item : items) {
         paths.push_back(item.path);
     }

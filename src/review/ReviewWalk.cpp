@@ -248,7 +248,7 @@ private:
             return fail(opened.error == EACCES || opened.error == EPERM
                             ? CleanerError::Kind::accessDenied
                             : CleanerError::Kind::ioError,
-                        std::strerror(opened.error));
+                        errorText(opened.error));
         default:
             return fail(CleanerError::Kind::safetyViolation, "it changed while it was opened");
         }

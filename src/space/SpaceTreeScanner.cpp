@@ -52,7 +52,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr size_t streamBufferBytes = 32 * 1024;
 constexpr size_t maxProblemWarnings = 20;
 constexpr std::chrono::milliseconds progressInterval{100};
 constexpr std::uint64_t progressBatch = 256;

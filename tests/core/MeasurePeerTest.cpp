@@ -1,8 +1,8 @@
 // Measurement is checked against tools no one here wrote: GNU find for the blocks of distinct
 // regular files, and du for the same figure once folders' and links' own blocks are taken out.
 #include "Fixture.h"
-#include "core/CoreFileSystem.h"
 #include "base/Saturating.h"
+#include "core/CoreFileSystem.h"
 
 #include <gtest/gtest.h>
 

@@ -325,8 +325,9 @@ std::vector<RootLocation> existingTrashRoots() {
     std::string uid = uidText();
     for (const std::string& top : mountPoints()) {
         std::string base = top == "/" ? std::string() : top;
-        roots.push_back({base + "/.Trash/" + uid, top});
-        roots.push_back({base + "/.Trash-" + uid, top});
+        roots.push_back({base.append("/.Trash/").append(uid), top});
+        base.resize(top == "/" ? 0 : top.size());
+        roots.push_back({base.append("/.Trash-").append(uid), top});
     }
     std::vector<RootLocation> existing;
     std::vector<std::pair<dev_t, ino_t>> seen;
