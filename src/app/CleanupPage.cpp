@@ -1,4 +1,5 @@
-#include "app/Pages.h"
+#include "app/CleanupPage.h"
+
 #include "core/ByteFormat.h"
 
 #include <QDateTime>

@@ -1,9 +1,7 @@
 #pragma once
 
-#include "app/AppState.h"
+#include "app/CatalogState.h"
 #include "app/Pages.h"
-#include "app/ReviewPages.h"
-#include "app/SpaceMapPage.h"
 #include "app/Workers.h"
 
 #include <QListWidget>
@@ -32,8 +30,8 @@ public:
     ActivityPage* activityPage() const noexcept { return activity_; }
     SettingsPage* settingsPage() const noexcept { return settings_; }
     SpaceMapPage* spaceMapPage() const noexcept { return spaceMap_; }
-    ReviewPage* largeOldPage() const noexcept { return largeOld_; }
-    ReviewPage* duplicatesPage() const noexcept { return duplicates_; }
+    LargeOldPage* largeOldPage() const noexcept { return largeOld_; }
+    DuplicatesPage* duplicatesPage() const noexcept { return duplicates_; }
     OnboardingPage* onboardingPage() const noexcept { return onboarding_; }
     JournalStore& journal() noexcept { return *journal_; }
 
@@ -54,8 +52,8 @@ private:
     ActivityPage* activity_;
     SettingsPage* settings_;
     SpaceMapPage* spaceMap_;
-    ReviewPage* largeOld_;
-    ReviewPage* duplicates_;
+    LargeOldPage* largeOld_;
+    DuplicatesPage* duplicates_;
 };
 
 // The settings key that records the introduction was seen.

@@ -6,6 +6,7 @@
 
 #include <QDateTime>
 #include <algorithm>
+#include <cmath>
 
 namespace sd::app {
 
@@ -20,6 +21,27 @@ QString homeRelative(const std::string& path) {
         return QStringLiteral("~") + QString::fromStdString(path.substr(home.size()));
     }
     return QString::fromStdString(path);
+}
+
+QString durationText(double seconds) {
+    if (seconds < 60) {
+        return QString::number(seconds, 'f', 1) + QStringLiteral(" s");
+    }
+    auto whole = static_cast<long>(std::lround(seconds));
+    return QStringLiteral("%1 min %2 s").arg(whole / 60).arg(whole % 60, 2, 10, QLatin1Char('0'));
+}
+
+QString toQ(std::string_view text) {
+    return QString::fromUtf8(text.data(), static_cast<qsizetype>(text.size()));
+}
+
+QString nameOf(const std::string& path) {
+    return QString::fromStdString(path.substr(path.rfind('/') + 1));
+}
+
+QString folderOf(const std::string& path) {
+    size_t slash = path.rfind('/');
+    return homeRelative(slash == 0 ? std::string("/") : path.substr(0, slash));
 }
 
 QString dateText(const std::string& isoDate) {
@@ -45,65 +67,6 @@ SweepTile emptyTile(SweepTileKind kind) {
     return tile;
 }
 } // namespace
-
-std::string pathKey(const Target& target, const PathSpec& path) {
-    return target.id + "\n" + path.id.value_or(path.pathTemplate);
-}
-
-// ---------------------------------------------------------------------------------------------
-// CatalogState
-
-CatalogState::CatalogState(platform::UserDefaults store)
-    : store(std::move(store)), catalog(buildCatalog(DistributionMode::direct)),
-      prefs(loadInclusionPreferences(this->store)) {
-    reloadLeftOut();
-}
-
-void CatalogState::setIncluded(const std::string& id, bool included) {
-    // One switch for both: what is measured is what a clean may move.
-    prefs.scan[id] = included;
-    prefs.clean[id] = included;
-    saveInclusionPreferences(store, prefs);
-}
-
-bool CatalogState::isIncluded(const std::string& id) const {
-    return InclusionPreferences::includes(prefs.scan, id) &&
-           InclusionPreferences::includes(prefs.clean, id);
-}
-
-bool CatalogState::isIncluded(const Target& target, const PathSpec& path) const {
-    return isIncluded(target.id) && (!path.id || isIncluded(*path.id));
-}
-
-void CatalogState::reloadLeftOut() {
-    Sweep reader(DistributionMode::direct, store, homePolicy());
-    leftOutOfSweep = reader.skippedTargets();
-}
-
-void CatalogState::leaveOut(const std::string& targetID, bool leftOut) {
-    Sweep writer(DistributionMode::direct, store, homePolicy());
-    if (leftOut) {
-        writer.leaveOut(targetID);
-    } else {
-        writer.bringBack(targetID);
-    }
-    leftOutOfSweep = writer.skippedTargets();
-}
-
-void CatalogState::setScan(std::optional<ScanResult> result) {
-    scan = std::move(result);
-    bytesByTarget.clear();
-    bytesByPath.clear();
-    if (!scan) {
-        return;
-    }
-    for (const TargetSize& t : scan->perTargetBytes) {
-        bytesByTarget[t.targetId] = t.bytes;
-    }
-    for (const PathSize& p : scan->perPathBytes) {
-        bytesByPath[p.targetId + "\n" + p.pathId] += p.bytes;
-    }
-}
 
 // ---------------------------------------------------------------------------------------------
 // SweepTileModel

@@ -1,6 +1,7 @@
 #pragma once
 
-#include "app/AppState.h"
+#include "app/CatalogState.h"
+#include "app/SweepState.h"
 #include "reclaim/ReclaimJournal.h"
 
 #include <QAbstractItemModel>
@@ -182,7 +183,13 @@ private:
 QString bytesText(std::uint64_t bytes);
 // A path inside the home folder written from "~", as people recognise it.
 QString homeRelative(const std::string& path);
+// The last component of a path, and the folder that holds it written from "~".
+QString nameOf(const std::string& path);
+QString folderOf(const std::string& path);
+QString toQ(std::string_view text);
 // A journal date ("2024-05-01T10:00:00Z") in the local time zone, as people read it.
 QString dateText(const std::string& isoDate);
+// A duration in seconds below a minute, in minutes and seconds above.
+QString durationText(double seconds);
 
 } // namespace sd::app

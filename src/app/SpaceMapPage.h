@@ -1,145 +1,20 @@
 #pragma once
 
-#include "app/Models.h"
+#include "app/SpaceRunner.h"
+#include "app/SpaceTreeModel.h"
+#include "app/SunburstView.h"
 #include "app/Widgets.h"
-#include "app/Workers.h"
 #include "reclaim/VaultTypes.h"
 #include "space/SpaceTree.h"
-#include "space/SpaceTreeScanner.h"
 
-#include <QAbstractItemModel>
+#include <QLabel>
 #include <QListWidget>
+#include <QPushButton>
 #include <QTreeView>
 #include <QWidget>
-#include <unordered_map>
+#include <optional>
 
 namespace sd::app {
-
-// A big item the scan streamed before it finished.
-struct BigItem {
-    std::string path;
-    std::uint64_t bytes = 0;
-};
-
-// The home space-tree scan on a worker thread. Progress and the big items streamed while it runs
-// are polled; the finished tree arrives whole.
-class SpaceRunner : public QObject {
-    Q_OBJECT
-
-public:
-    explicit SpaceRunner(QObject* parent = nullptr);
-
-    // Scans `root` with `budget` seconds (the scanner's default when none), streaming items of
-    // `streamMinimumBytes` and more (the scanner's default when none) while it runs.
-    void scan(std::string root, std::optional<double> budget = std::nullopt,
-              std::optional<std::uint64_t> streamMinimumBytes = std::nullopt);
-    void stop() { runner_.stop(); }
-    bool isRunning() const noexcept { return runner_.isRunning(); }
-    LiveProgress::Reading progress() const;
-    // The big items streamed since the last call.
-    std::vector<BigItem> takeBigItems();
-
-signals:
-    void progressChanged();
-    void scanned(const sd::SpaceScanResult& result);
-    void failed(const QString& message, bool cancelled);
-    void runningChanged(bool running);
-
-private:
-    struct Live {
-        LiveProgress progress;
-        std::mutex lock;
-        std::vector<BigItem> bigItems;
-    };
-
-    TaskRunner runner_;
-    std::shared_ptr<Live> live_ = std::make_shared<Live>();
-};
-
-// The space tree as an item model: the root folder as the one top row, each node's kept children
-// below it biggest first, and its "other" share as one last row. Rows point straight at the
-// nodes of the tree the map state holds.
-class SpaceTreeModel : public QAbstractItemModel {
-    Q_OBJECT
-
-public:
-    enum Column { nameColumn, sizeColumn, columnCount_ };
-
-    explicit SpaceTreeModel(const SpaceMapState& state, QObject* parent = nullptr);
-
-    QModelIndex index(int row, int column, const QModelIndex& parent = {}) const override;
-    QModelIndex parent(const QModelIndex& child) const override;
-    int rowCount(const QModelIndex& parent = {}) const override;
-    int columnCount(const QModelIndex& parent = {}) const override;
-    QVariant data(const QModelIndex& index, int role) const override;
-    QVariant headerData(int section, Qt::Orientation orientation, int role) const override;
-
-    // Call around every change of the state's tree.
-    void beginChange();
-    void endChange();
-    // The index of the deepest node at or above `path`.
-    QModelIndex indexOfPath(const std::string& path) const;
-
-private:
-    void rebuildParents();
-    const SpaceNode* nodeOf(const QModelIndex& index) const;
-    bool isOther(const QModelIndex& index) const;
-    QModelIndex indexOfNode(const SpaceNode* node, int column = 0) const;
-    int rowsOf(const SpaceNode& node) const;
-
-    const SpaceMapState& state_;
-    std::unordered_map<const SpaceNode*, const SpaceNode*> parents_;
-};
-
-// A sunburst of the model: the shown folder in the middle, each ring one level deeper, each wedge
-// as wide as its share. Hovering names a wedge, clicking a folder's wedge zooms into it, clicking
-// the middle zooms back out. A node's "other" share is one grey wedge.
-class SunburstView : public QWidget {
-    Q_OBJECT
-
-public:
-    explicit SunburstView(QWidget* parent = nullptr);
-
-    void setModel(SpaceTreeModel* model);
-    void setRootIndex(const QModelIndex& index);
-    QModelIndex rootIndex() const { return root_; }
-    QModelIndex selectedIndex() const { return selected_; }
-    // The wedge under a point of the widget; the root for the middle, invalid outside.
-    QModelIndex indexAt(const QPointF& point) const;
-    // The middle of a wedge drawn for `index`, for tests that click it.
-    std::optional<QPointF> centreOf(const QModelIndex& index) const;
-
-signals:
-    void hovered(const QModelIndex& index);
-    void selected(const QModelIndex& index);
-    void zoomed(const QModelIndex& root);
-
-protected:
-    void paintEvent(QPaintEvent* event) override;
-    void mouseMoveEvent(QMouseEvent* event) override;
-    void mousePressEvent(QMouseEvent* event) override;
-    void leaveEvent(QEvent* event) override;
-    void resizeEvent(QResizeEvent* event) override;
-
-private:
-    struct Wedge {
-        QPersistentModelIndex index;
-        double inner = 0, outer = 0; // radii
-        double start = 0, span = 0;  // degrees, counter-clockwise from three o'clock
-        QColor colour;
-    };
-    void layoutWedges();
-    void addRing(const QModelIndex& parent, int depth, double start, double span, double hue);
-    QPointF centre() const;
-
-    SpaceTreeModel* model_ = nullptr;
-    QPersistentModelIndex root_;
-    QPersistentModelIndex hovered_;
-    QPersistentModelIndex selected_;
-    std::vector<Wedge> wedges_;
-    double hole_ = 0;
-    double ring_ = 0;
-};
 
 // The Space Map: scan the home, look around the sunburst, show what is big in the file manager.
 // Moves made anywhere in the app patch the tree instead of scanning again.

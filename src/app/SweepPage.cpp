@@ -1,4 +1,5 @@
-#include "app/Pages.h"
+#include "app/SweepPage.h"
+
 #include "core/ByteFormat.h"
 
 #include <QHBoxLayout>
@@ -20,19 +21,7 @@ const QColor line(0xe0, 0xe4, 0xea);
 const QColor success(0x1f, 0x7a, 0x3d);
 constexpr int tileHeight = 124;
 
-QString toQ(std::string_view text) {
-    return QString::fromUtf8(text.data(), static_cast<qsizetype>(text.size()));
-}
-
 } // namespace
-
-QString durationText(double seconds) {
-    if (seconds < 60) {
-        return QString::number(seconds, 'f', 1) + QStringLiteral(" s");
-    }
-    auto whole = static_cast<long>(std::lround(seconds));
-    return QStringLiteral("%1 min %2 s").arg(whole / 60).arg(whole % 60, 2, 10, QLatin1Char('0'));
-}
 
 // ---------------------------------------------------------------------------------------------
 // TileDelegate and TileView

@@ -200,6 +200,15 @@ void WrappingDelegate::paint(QPainter* painter, const QStyleOptionViewItem& opti
     RoomyDelegate::paint(painter, wrapped, index);
 }
 
+QLabel* paragraph(const QString& text, const char* objectName) {
+    auto* label = new QLabel(text);
+    label->setWordWrap(true);
+    if (objectName != nullptr) {
+        label->setObjectName(QString::fromLatin1(objectName));
+    }
+    return label;
+}
+
 QLabel* sectionLabel(const QString& text) {
     auto* label = new QLabel(text.toUpper());
     label->setObjectName(QStringLiteral("section"));

@@ -30,6 +30,8 @@ bool confirm(QWidget* parent, const QString& title, const QString& text, const Q
 // The title, the one-line explanation under it and a place for the screen's content.
 QVBoxLayout* pageLayout(QWidget* page, const QString& title, const QString& explanation);
 QLabel* sectionLabel(const QString& text);
+// A label that wraps, styled by `objectName` ("muted", …) when one is given.
+QLabel* paragraph(const QString& text, const char* objectName = nullptr);
 
 // Rows tall enough to read and to hit with a pointer, whatever a cell holds.
 class RoomyDelegate : public QStyledItemDelegate {

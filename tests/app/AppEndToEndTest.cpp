@@ -1,7 +1,7 @@
 #include "AppTestMain.h"
 #include "Fixture.h"
 #include "app/MainWindow.h"
-#include "app/ReviewPages.h"
+#include "app/Pages.h"
 #include "app/SpaceMapPage.h"
 #include "app/Widgets.h"
 
@@ -343,7 +343,7 @@ private slots:
             " && git -C Projects/site -c user.name=t -c user.email=t@example.org commit -qm x");
         std::string sums = test::checksums({h + "/Documents"});
         window_->showScreen(MainWindow::Screen::duplicates);
-        ReviewPage* page = window_->duplicatesPage();
+        DuplicatesPage* page = window_->duplicatesPage();
         QTest::mouseClick(page->searchButton(), Qt::LeftButton);
         QTRY_VERIFY_WITH_TIMEOUT(!page->runner().isRunning(), 60000);
         QAbstractItemModel& model = page->model();
@@ -407,8 +407,8 @@ private slots:
         LargeOldOptions options;
         options.now = std::chrono::system_clock::now() + std::chrono::hours(24 * 500);
         window_->showScreen(MainWindow::Screen::largeOld);
-        ReviewPage* page = window_->largeOldPage();
-        page->setLargeOldOptions(options);
+        LargeOldPage* page = window_->largeOldPage();
+        page->setOptions(options);
         QTest::mouseClick(page->searchButton(), Qt::LeftButton);
         QTRY_VERIFY_WITH_TIMEOUT(!page->runner().isRunning(), 60000);
         QAbstractItemModel& model = page->model();

@@ -2,7 +2,8 @@
 
 #include "AppTestMain.h"
 #include "Fixture.h"
-#include "app/ReviewPages.h"
+#include "app/DuplicatesModel.h"
+#include "app/LargeOldModel.h"
 #include "app/SpaceMapPage.h"
 #include "app/Workers.h"
 

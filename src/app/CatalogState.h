@@ -4,29 +4,14 @@
 #include "catalog/CleaningService.h"
 #include "catalog/InclusionPreferences.h"
 #include "platform/UserDefaults.h"
-#include "sweep/Sweep.h"
 
 #include <map>
-#include <memory>
 #include <optional>
 #include <set>
 #include <string>
 #include <vector>
 
 namespace sd::app {
-
-// What the screens show, held in one place per screen. The item models read these and own
-// nothing; the screens change them on the interface thread only, from finished results.
-
-struct SweepState {
-    std::shared_ptr<Sweep> sweep;          // the last finished Sweep of this session
-    std::optional<SweepRecord> lastRecord; // kept from an earlier one, shown until a new Sweep
-    bool sweeping = false;
-    SweepProgress progress; // of the running Sweep, polled
-    std::set<SweepTileKind> selection;
-    std::set<SweepTileKind> reclaiming;
-    std::map<SweepTileKind, std::uint64_t> movedByTile; // of the last reclaim
-};
 
 // The catalog with the person's switches and the last measurement.
 struct CatalogState {
