@@ -76,6 +76,7 @@ ActivityPage::ActivityPage(JournalStore& journal, const std::vector<Target>& cat
         }
         onSelection();
     };
+    pressOnReturn(this, [this] { return putBackEntry_; });
     connect(&journal_, &JournalStore::aboutToChange, this, [this] { model_->beginChange(); });
     connect(&journal_, &JournalStore::changed, this, reset);
     connect(tree_->selectionModel(), &QItemSelectionModel::currentChanged, this,

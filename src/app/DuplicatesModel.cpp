@@ -111,6 +111,8 @@ QVariant DuplicatesModel::data(const QModelIndex& index, int role) const {
         }
         case bytesRole:
             return QVariant::fromValue<quint64>(reclaimable);
+        case Qt::TextAlignmentRole:
+            return columnAlignment(index.column() == sizeColumn);
         default:
             return {};
         }
@@ -164,10 +166,18 @@ QVariant DuplicatesModel::data(const QModelIndex& index, int role) const {
         if (isDenied) {
             return toQ(denyText(denied->second));
         }
+        if (index.column() == noteColumn && !moved) {
+            QString note = QString::fromStdString(duplicateFileNote(*group, *file, *policy_));
+            if (!note.isEmpty()) {
+                return note;
+            }
+        }
         return QString::fromStdString(file->path);
+    case Qt::DecorationRole:
+        return index.column() == noteColumn && isDenied && !moved ? QVariant(noteIcon())
+                                                                  : QVariant();
     case Qt::TextAlignmentRole:
-        return index.column() == sizeColumn ? QVariant(Qt::AlignRight | Qt::AlignVCenter)
-                                            : QVariant();
+        return columnAlignment(index.column() == sizeColumn);
     case pathRole:
         return QString::fromStdString(file->path);
     case bytesRole:
@@ -211,6 +221,9 @@ Qt::ItemFlags DuplicatesModel::flags(const QModelIndex& index) const {
 }
 
 QVariant DuplicatesModel::headerData(int section, Qt::Orientation orientation, int role) const {
+    if (orientation == Qt::Horizontal && role == Qt::TextAlignmentRole) {
+        return columnAlignment(section == sizeColumn);
+    }
     if (orientation != Qt::Horizontal || role != Qt::DisplayRole) {
         return {};
     }

@@ -79,6 +79,13 @@ QVariant LargeOldModel::data(const QModelIndex& index, int role) const {
         return state_.ticked.count(item->path) != 0 ? Qt::Checked : Qt::Unchecked;
     case Qt::ForegroundRole:
         return index.column() == noteColumn && isDenied ? QVariant(deniedInk) : QVariant();
+    case Qt::DecorationRole:
+        if ((index.column() == noteColumn && isDenied && !moved) ||
+            (index.column() == openedColumn &&
+             item->evidence.kind == EvidenceKind::fileTimesOnly)) {
+            return noteIcon();
+        }
+        return {};
     case Qt::ToolTipRole:
         if (index.column() == noteColumn && isDenied) {
             return toQ(denyText(denied->second));
@@ -89,8 +96,7 @@ QVariant LargeOldModel::data(const QModelIndex& index, int role) const {
         }
         return QString::fromStdString(item->path);
     case Qt::TextAlignmentRole:
-        return index.column() == sizeColumn ? QVariant(Qt::AlignRight | Qt::AlignVCenter)
-                                            : QVariant();
+        return columnAlignment(index.column() == sizeColumn);
     case pathRole:
         return QString::fromStdString(item->path);
     case bytesRole:
@@ -132,6 +138,9 @@ Qt::ItemFlags LargeOldModel::flags(const QModelIndex& index) const {
 }
 
 QVariant LargeOldModel::headerData(int section, Qt::Orientation orientation, int role) const {
+    if (orientation == Qt::Horizontal && role == Qt::TextAlignmentRole) {
+        return columnAlignment(section == sizeColumn);
+    }
     if (orientation != Qt::Horizontal || role != Qt::DisplayRole) {
         return {};
     }

@@ -31,6 +31,23 @@ QString durationText(double seconds) {
     return QStringLiteral("%1 min %2 s").arg(whole / 60).arg(whole % 60, 2, 10, QLatin1Char('0'));
 }
 
+QString shareText(double share) {
+    if (share > 0 && share < 0.005) {
+        return QStringLiteral("<1%");
+    }
+    return QStringLiteral("%1%").arg(std::lround(std::clamp(share, 0.0, 1.0) * 100));
+}
+
+QVariant columnAlignment(bool numbers) {
+    return QVariant::fromValue(Qt::Alignment(numbers ? Qt::AlignRight | Qt::AlignVCenter
+                                                     : Qt::AlignLeft | Qt::AlignVCenter));
+}
+
+QIcon noteIcon() {
+    static const QIcon icon(QStringLiteral(":/sparrowdeck/info.svg"));
+    return icon;
+}
+
 QString toQ(std::string_view text) {
     return QString::fromUtf8(text.data(), static_cast<qsizetype>(text.size()));
 }
@@ -450,8 +467,7 @@ QVariant CatalogModel::data(const QModelIndex& index, int role) const {
     case riskRole:
         return static_cast<int>(target.risk);
     case Qt::TextAlignmentRole:
-        return index.column() == sizeColumn ? QVariant(Qt::AlignRight | Qt::AlignVCenter)
-                                            : QVariant();
+        return columnAlignment(index.column() == sizeColumn);
     default:
         return {};
     }
@@ -520,6 +536,9 @@ Qt::ItemFlags CatalogModel::flags(const QModelIndex& index) const {
 }
 
 QVariant CatalogModel::headerData(int section, Qt::Orientation orientation, int role) const {
+    if (orientation == Qt::Horizontal && role == Qt::TextAlignmentRole) {
+        return columnAlignment(section == sizeColumn);
+    }
     if (orientation != Qt::Horizontal || role != Qt::DisplayRole) {
         return {};
     }
@@ -733,8 +752,7 @@ QVariant ActivityModel::data(const QModelIndex& index, int role) const {
                                : QStringLiteral("\nIn the Trash as ") +
                                      QString::fromStdString(item->trashPath));
     case Qt::TextAlignmentRole:
-        return index.column() == sizeColumn ? QVariant(Qt::AlignRight | Qt::AlignVCenter)
-                                            : QVariant();
+        return columnAlignment(index.column() == sizeColumn);
     case bytesRole:
         return QVariant::fromValue<quint64>(item != nullptr ? item->bytes : bytes);
     case pathRole:
@@ -756,6 +774,9 @@ QVariant ActivityModel::data(const QModelIndex& index, int role) const {
 }
 
 QVariant ActivityModel::headerData(int section, Qt::Orientation orientation, int role) const {
+    if (orientation == Qt::Horizontal && role == Qt::TextAlignmentRole) {
+        return columnAlignment(section == sizeColumn);
+    }
     if (orientation != Qt::Horizontal || role != Qt::DisplayRole) {
         return {};
     }

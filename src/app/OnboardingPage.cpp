@@ -60,6 +60,8 @@ OnboardingPage::OnboardingPage(QWidget* parent) : QWidget(parent) {
     row->addStretch(1);
     outer->addLayout(row);
     outer->addStretch(1);
+    pressOnReturn(this, [this] { return start_; });
+    setFocusProxy(start_);
     connect(start_, &QPushButton::clicked, this, &OnboardingPage::finished);
 }
 

@@ -38,15 +38,12 @@ ReviewPage::ReviewPage(const QString& title, const QString& explanation, const Q
 
     tree_ = new QTreeView;
     tree_->setAlternatingRowColors(true);
-    // Rows grow to show a whole deny sentence rather than cutting it.
-    tree_->setUniformRowHeights(false);
+    // One line a row: a long note is cut short, its whole sentence in the row's tooltip, marked
+    // by an icon.
+    tree_->setUniformRowHeights(true);
     tree_->setItemDelegate(new RoomyDelegate(30, tree_));
     tree_->setTextElideMode(Qt::ElideRight);
     tree_->header()->setStretchLastSection(false);
-    // Row heights depend on the note column's width, which the window decides.
-    connect(tree_->header(), &QHeaderView::sectionResized, tree_, [this] {
-        QMetaObject::invokeMethod(tree_, &QTreeView::doItemsLayout, Qt::QueuedConnection);
-    });
     layout->addWidget(tree_, 1);
     empty_ = new QLabel;
     empty_->setWordWrap(true);
@@ -61,8 +58,7 @@ ReviewPage::ReviewPage(const QString& title, const QString& explanation, const Q
     layout->addWidget(banner_);
 
     auto* bottom = new QHBoxLayout;
-    auto* recheck = new QLabel(toQ(sweepRecheckText));
-    recheck->setObjectName(QStringLiteral("muted"));
+    QLabel* recheck = paragraph(toQ(sweepRecheckText), "muted");
     bottom->addWidget(recheck, 1);
     reveal_ = new QPushButton(revealText());
     move_ = new QPushButton(QStringLiteral("Move to the Trash"));
@@ -71,6 +67,8 @@ ReviewPage::ReviewPage(const QString& title, const QString& explanation, const Q
     bottom->addWidget(move_);
     layout->addLayout(bottom);
 
+    // Return takes the next step: move what is ticked, else search.
+    pressOnReturn(this, [this] { return move_->isEnabled() ? move_ : search_; });
     connect(search_, &QPushButton::clicked, this, &ReviewPage::search);
     connect(move_, &QPushButton::clicked, this, &ReviewPage::moveTicked);
     connect(reveal_, &QPushButton::clicked, this, [this] {
@@ -137,7 +135,6 @@ void ReviewPage::attachModel(QAbstractItemModel* model, const Columns& columns) 
     columns_ = columns;
     tree_->setModel(model_);
     tree_->header()->setSectionResizeMode(columns_.note, QHeaderView::Stretch);
-    tree_->setItemDelegateForColumn(columns_.note, new WrappingDelegate(tree_, 30));
     for (size_t c = 0; c < columns_.widths.size(); ++c) {
         tree_->setColumnWidth(static_cast<int>(c), columns_.widths[c]);
     }

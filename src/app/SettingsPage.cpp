@@ -3,6 +3,7 @@
 #include "app/Widgets.h"
 #include "platform/Dirs.h"
 
+#include <QApplication>
 #include <QHBoxLayout>
 #include <QItemSelectionModel>
 #include <QListView>
@@ -21,7 +22,8 @@ SettingsPage::SettingsPage(CatalogState& catalog, QWidget* parent) : QWidget(par
     layout->addWidget(paragraph(QStringLiteral("Switch a cache off to leave it out of every "
                                                "Sweep. You can still clean it from Cleanup."),
                                 "muted"));
-    auto* list = new QListView;
+    list_ = new QListView;
+    QListView* list = list_;
     list->setModel(model_);
     list->setAlternatingRowColors(true);
     list->setItemDelegate(new RoomyDelegate(30, list));
@@ -41,15 +43,16 @@ SettingsPage::SettingsPage(CatalogState& catalog, QWidget* parent) : QWidget(par
     layout->addSpacing(6);
     layout->addWidget(sectionLabel(QStringLiteral("This copy")));
     layout->addWidget(paragraph(
-        QStringLiteral("Distribution: direct. It measures the caches of your whole account, "
-                       "system caches included; the store variant stays inside your home folder "
-                       "and leaves those out."),
+        QStringLiteral("Sparrowdeck %1. It measures the caches of your whole account, system "
+                       "caches included, and never deletes: what it reclaims goes to the Trash.")
+            .arg(QApplication::applicationVersion()),
         nullptr));
     layout->addWidget(paragraph(
         QStringLiteral("Activity is kept in %1/journal.json; settings in %2/sparrowdeck.")
             .arg(homeRelative(platform::supportDirectory()), homeRelative(platform::configHome())),
         "muted"));
-    auto* again = new QPushButton(QStringLiteral("Show the Introduction Again"));
+    again_ = new QPushButton(QStringLiteral("Show the Introduction Again"));
+    QPushButton* again = again_;
     auto* row = new QHBoxLayout;
     row->addWidget(again);
     row->addStretch(1);

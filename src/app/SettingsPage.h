@@ -3,6 +3,8 @@
 #include "app/CatalogState.h"
 #include "app/Models.h"
 
+#include <QListView>
+#include <QPushButton>
 #include <QWidget>
 
 namespace sd::app {
@@ -15,6 +17,8 @@ public:
     SettingsPage(CatalogState& catalog, QWidget* parent = nullptr);
 
     SweepTargetsModel& model() noexcept { return *model_; }
+    QListView* list() const noexcept { return list_; }
+    QPushButton* introductionButton() const noexcept { return again_; }
 
 signals:
     void leftOutChanged();
@@ -22,6 +26,8 @@ signals:
 
 private:
     SweepTargetsModel* model_;
+    QListView* list_;
+    QPushButton* again_;
 };
 
 } // namespace sd::app

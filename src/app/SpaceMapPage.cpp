@@ -7,18 +7,21 @@
 
 #include <QHBoxLayout>
 #include <QHeaderView>
+#include <QKeyEvent>
+#include <QMouseEvent>
 #include <QVBoxLayout>
 
 namespace sd::app {
 
-SpaceMapPage::SpaceMapPage(QWidget* parent) : QWidget(parent) {
+SpaceMapPage::SpaceMapPage(QWidget* parent) : QWidget(parent), root_(homeDirectory()) {
     runner_ = new SpaceRunner(this);
     model_ = new SpaceTreeModel(state_, this);
     QVBoxLayout* layout = pageLayout(
         this, QStringLiteral("Space Map"),
-        QStringLiteral("Your home folder as rings: each ring is one level deeper, each wedge as "
-                       "wide as the space it takes. Click a folder to look inside, the middle to "
-                       "go back. Nothing moves from here."));
+        QStringLiteral("Your home folder, or any folder in it, as rings: each ring is one level "
+                       "deeper, each wedge as wide as the space it takes. Click a folder or press "
+                       "Enter to look inside; click the middle or press Backspace to go back. "
+                       "Nothing moves from here."));
 
     auto* top = new QHBoxLayout;
     auto* texts = new QVBoxLayout;
@@ -32,9 +35,14 @@ SpaceMapPage::SpaceMapPage(QWidget* parent) : QWidget(parent) {
     texts->addWidget(status_);
     texts->addWidget(statusDetail_);
     top->addLayout(texts, 1);
+    mapHome_ = new QPushButton(QStringLiteral("Map Home"));
+    mapHome_->hide();
+    choose_ = new QPushButton(QStringLiteral("Map a Folder…"));
     scan_ = new QPushButton(QStringLiteral("Scan"));
     scan_->setProperty("primary", true);
     scan_->setMinimumWidth(110);
+    top->addWidget(mapHome_, 0, Qt::AlignTop);
+    top->addWidget(choose_, 0, Qt::AlignTop);
     top->addWidget(scan_, 0, Qt::AlignTop);
     layout->addLayout(top);
     progress_ = new ProgressStrip;
@@ -44,18 +52,28 @@ SpaceMapPage::SpaceMapPage(QWidget* parent) : QWidget(parent) {
 
     auto* body = new QHBoxLayout;
     body->setSpacing(18);
+    auto* mapColumn = new QVBoxLayout;
+    mapColumn->setSpacing(4);
     sunburst_ = new SunburstView;
     sunburst_->setModel(model_);
-    body->addWidget(sunburst_, 3);
+    mapColumn->addWidget(sunburst_, 1);
+    auto* legend = paragraph(QStringLiteral("Dashed outline: a cache the Sweep measures, which "
+                                            "comes back by itself. Pale, shorter wedges are "
+                                            "files; grey ones gather many small items."),
+                             "muted");
+    legend->setStyleSheet(QStringLiteral("font-size: 11px;"));
+    mapColumn->addWidget(legend);
+    body->addLayout(mapColumn, 3);
 
     auto* side = new QVBoxLayout;
     side->setSpacing(8);
     auto* crumbsRow = new QHBoxLayout;
     crumbs_ = new QLabel;
     crumbs_->setStyleSheet(QStringLiteral("font-weight: 600;"));
+    crumbs_->setWordWrap(true);
     up_ = new QPushButton(QStringLiteral("Back Out"));
     crumbsRow->addWidget(crumbs_, 1);
-    crumbsRow->addWidget(up_);
+    crumbsRow->addWidget(up_, 0, Qt::AlignTop);
     side->addLayout(crumbsRow);
     pointer_ = new QLabel(QStringLiteral("Point at a wedge to see what it is."));
     pointer_->setObjectName(QStringLiteral("muted"));
@@ -68,12 +86,17 @@ SpaceMapPage::SpaceMapPage(QWidget* parent) : QWidget(parent) {
     list_->setRootIsDecorated(false);
     list_->setItemsExpandable(false);
     list_->setUniformRowHeights(true);
+    list_->setAllColumnsShowFocus(true);
     list_->setItemDelegate(new RoomyDelegate(28, list_));
     list_->header()->setSectionResizeMode(SpaceTreeModel::nameColumn, QHeaderView::Stretch);
     list_->header()->setSectionResizeMode(SpaceTreeModel::sizeColumn,
                                           QHeaderView::ResizeToContents);
+    list_->header()->setSectionResizeMode(SpaceTreeModel::shareColumn,
+                                          QHeaderView::ResizeToContents);
     list_->header()->setStretchLastSection(false);
     list_->setTextElideMode(Qt::ElideMiddle);
+    list_->installEventFilter(this);
+    list_->viewport()->installEventFilter(this);
     side->addWidget(list_, 1);
     reveal_ = new QPushButton(revealText());
     side->addWidget(reveal_);
@@ -88,19 +111,25 @@ SpaceMapPage::SpaceMapPage(QWidget* parent) : QWidget(parent) {
     bigItems_->hide();
     auto* sideBox = new QWidget;
     sideBox->setLayout(side);
-    sideBox->setFixedWidth(360);
-    body->addWidget(sideBox);
+    sideBox->setMinimumWidth(280);
+    sideBox->setMaximumWidth(380);
+    body->addWidget(sideBox, 2);
     layout->addLayout(body, 1);
 
+    folderDialog_ = new QFileDialog(this, QStringLiteral("Map a Folder"));
+    folderDialog_->setFileMode(QFileDialog::Directory);
+    folderDialog_->setOption(QFileDialog::ShowDirsOnly);
+    folderDialog_->setAcceptMode(QFileDialog::AcceptOpen);
+    folderDialog_->setLabelText(QFileDialog::Accept, QStringLiteral("Map"));
+
+    pressOnReturn(this, [this] { return scan_; });
     connect(scan_, &QPushButton::clicked, this, [this] { startScan(budget_); });
+    connect(choose_, &QPushButton::clicked, this, &SpaceMapPage::chooseFolder);
+    connect(mapHome_, &QPushButton::clicked, this, [this] { mapFolder(homeDirectory()); });
+    connect(folderDialog_, &QFileDialog::fileSelected, this,
+            [this](const QString& folder) { mapFolder(folder.toStdString()); });
     connect(progress_, &ProgressStrip::stopRequested, runner_, &SpaceRunner::stop);
-    connect(up_, &QPushButton::clicked, this, [this] {
-        QModelIndex up = sunburst_->rootIndex().parent();
-        if (up.isValid()) {
-            sunburst_->setRootIndex(up);
-            showRoot(up);
-        }
-    });
+    connect(up_, &QPushButton::clicked, this, [this] { sunburst_->zoomOut(); });
     connect(reveal_, &QPushButton::clicked, this, [this] {
         QModelIndex at = sunburst_->selectedIndex();
         if (at.isValid()) {
@@ -110,15 +139,7 @@ SpaceMapPage::SpaceMapPage(QWidget* parent) : QWidget(parent) {
     connect(sunburst_, &SunburstView::hovered, this, &SpaceMapPage::onHovered);
     connect(sunburst_, &SunburstView::selected, this, &SpaceMapPage::onSelected);
     connect(sunburst_, &SunburstView::zoomed, this, &SpaceMapPage::showRoot);
-    connect(list_, &QTreeView::clicked, this, [this](const QModelIndex& index) {
-        QModelIndex at = index.siblingAtColumn(0);
-        if (at.data(hasChildrenRole).toBool()) {
-            sunburst_->setRootIndex(at);
-            showRoot(at);
-        } else {
-            onSelected(at);
-        }
-    });
+    connect(list_, &QTreeView::clicked, this, &SpaceMapPage::openRow);
     connect(runner_, &SpaceRunner::progressChanged, this, [this] {
         LiveProgress::Reading r = runner_->progress();
         progress_->update(r.fraction, r.message);
@@ -152,13 +173,84 @@ void SpaceMapPage::startScan(std::optional<double> budget) {
     bigItems_->clear();
     bigTitle_->hide();
     bigItems_->hide();
-    runner_->scan(homeDirectory(), budget, streamMinimumBytes_);
+    runner_->scan(root_, budget, streamMinimumBytes_);
     progress_->update(0, QStringLiteral("Starting the scan"));
-    if (!state_.tree()) {
-        status_->setText(QStringLiteral("Scanning your home folder…"));
+    if (!state_.tree() || state_.tree()->root.path != root_) {
+        status_->setText(root_ == homeDirectory()
+                             ? QStringLiteral("Scanning your home folder…")
+                             : QStringLiteral("Scanning %1…").arg(homeRelative(root_)));
         statusDetail_->setText(QStringLiteral("Reading sizes only; nothing moves. Big items are "
                                               "listed as soon as they are found."));
     }
+}
+
+void SpaceMapPage::chooseFolder() {
+    folderDialog_->setDirectory(QString::fromStdString(root_));
+    folderDialog_->open();
+}
+
+void SpaceMapPage::mapFolder(const std::string& folder) {
+    std::string chosen = normalizePath(folder);
+    const std::string& home = homeDirectory();
+    if (chosen != home && !isInside(chosen, home)) {
+        banner_->show(QStringLiteral("%1 is outside your home folder, so it was not mapped.")
+                          .arg(QString::fromStdString(chosen)),
+                      Banner::Tone::warning,
+                      QStringLiteral("The Space Map reads folders inside your home folder, where "
+                                     "your own files are. Nothing was read."));
+        return;
+    }
+    root_ = chosen;
+    mapHome_->setVisible(root_ != home);
+    startScan(budget_);
+}
+
+void SpaceMapPage::setKnownCaches(KnownCaches caches) {
+    model_->setKnownCaches(std::move(caches));
+}
+
+void SpaceMapPage::openRow(const QModelIndex& index) {
+    QModelIndex at = index.siblingAtColumn(0);
+    if (!at.isValid()) {
+        return;
+    }
+    if (at.data(hasChildrenRole).toBool()) {
+        sunburst_->setRootIndex(at);
+        showRoot(at);
+    } else {
+        sunburst_->select(at);
+    }
+}
+
+bool SpaceMapPage::eventFilter(QObject* watched, QEvent* event) {
+    // The list answers the same keys as the map, and the mouse's back button goes back out
+    // wherever it is pressed.
+    if (event->type() == QEvent::MouseButtonPress &&
+        static_cast<QMouseEvent*>(event)->button() == Qt::BackButton) {
+        sunburst_->zoomOut();
+        return true;
+    }
+    if (watched == list_ && event->type() == QEvent::KeyPress) {
+        auto* key = static_cast<QKeyEvent*>(event);
+        if (key->key() == Qt::Key_Return || key->key() == Qt::Key_Enter) {
+            openRow(list_->currentIndex());
+            return true;
+        }
+        if (key->key() == Qt::Key_Backspace) {
+            sunburst_->zoomOut();
+            return true;
+        }
+    }
+    return QWidget::eventFilter(watched, event);
+}
+
+void SpaceMapPage::mousePressEvent(QMouseEvent* event) {
+    if (event->button() == Qt::BackButton) {
+        sunburst_->zoomOut();
+        event->accept();
+        return;
+    }
+    QWidget::mousePressEvent(event);
 }
 
 void SpaceMapPage::onScanned(const SpaceScanResult& result) {
@@ -224,20 +316,35 @@ void SpaceMapPage::onHovered(const QModelIndex& index) {
         pointer_->setText(index.data(noteRole).toString());
         return;
     }
-    pointer_->setText(homeRelative(index.data(pathRole).toString().toStdString()) +
-                      QStringLiteral(" — ") + size);
+    QString text =
+        homeRelative(index.data(pathRole).toString().toStdString()) + QStringLiteral(" — ") + size;
+    if (QString cache = index.data(knownCacheRole).toString(); !cache.isEmpty()) {
+        text += QStringLiteral(". %1: a cache the Sweep measures.").arg(cache);
+    }
+    pointer_->setText(text);
 }
 
 void SpaceMapPage::onSelected(const QModelIndex& index) {
     reveal_->setEnabled(index.isValid());
     onHovered(index);
+    if (index.isValid() && index.parent() == list_->rootIndex()) {
+        list_->setCurrentIndex(index);
+    }
 }
 
 void SpaceMapPage::showRoot(const QModelIndex& root) {
     list_->setRootIndex(root);
+    if (QModelIndex first = model_->index(0, 0, root); first.isValid()) {
+        list_->setCurrentIndex(first);
+    }
     QStringList names;
     for (QModelIndex at = root; at.isValid(); at = at.parent()) {
-        names.prepend(at.parent().isValid() ? at.data().toString() : QStringLiteral("Home"));
+        if (at.parent().isValid()) {
+            names.prepend(at.data().toString());
+        } else {
+            std::string top = at.data(pathRole).toString().toStdString();
+            names.prepend(top == homeDirectory() ? QStringLiteral("Home") : homeRelative(top));
+        }
     }
     crumbs_->setText(names.join(QStringLiteral(" › ")));
     up_->setEnabled(root.isValid() && root.parent().isValid());

@@ -4,6 +4,11 @@
 #include "core/ByteFormat.h"
 #include "core/PathRules.h"
 
+#include <QFont>
+#include <QStringList>
+#include <array>
+#include <cmath>
+
 namespace sd::app {
 
 namespace {
@@ -11,6 +16,28 @@ namespace {
 // An "other" row points at its node with the lowest bit set; nodes are aligned, so the bit is
 // free.
 constexpr quintptr otherTag = 1;
+
+// Hues for the top-level folders, chosen to sit apart and stay calm.
+const std::array<QColor, 8> palette{QColor(0x4f, 0x7c, 0xe8), QColor(0x2f, 0xa8, 0x8f),
+                                    QColor(0xe0, 0x8a, 0x3c), QColor(0x9b, 0x6b, 0xd6),
+                                    QColor(0xd9, 0x5f, 0x7a), QColor(0x5a, 0xb0, 0xd8),
+                                    QColor(0xc4, 0xa8, 0x35), QColor(0x6d, 0x8a, 0x5a)};
+const QColor rootColour(0x5b, 0x64, 0x70);
+
+// A child's colour from its parent's: siblings turn the hue a few degrees apart, alternating
+// sides, and every level is a little lighter, so neighbours stay tellable without a rainbow.
+QColor childColour(const QColor& parent, int row) {
+    double turn = (row % 2 == 0 ? 1 : -1) * 9.0 * ((row + 1) / 2);
+    double hue = std::fmod(parent.hsvHueF() * 360 + turn + 360.0, 360.0) / 360.0;
+    return QColor::fromHsvF(static_cast<float>(hue), parent.hsvSaturationF(), parent.valueF())
+        .lighter(112);
+}
+
+// Files are pale tints of their folder's hue, so they read apart from folders at a glance.
+QColor fileColour(const QColor& folderish) {
+    return QColor::fromHsvF(folderish.hsvHueF(), folderish.hsvSaturationF() * 0.32f,
+                            std::min(1.0f, folderish.valueF() * 1.1f));
+}
 
 } // namespace
 
@@ -26,6 +53,47 @@ void SpaceTreeModel::beginChange() {
 void SpaceTreeModel::endChange() {
     rebuildParents();
     endResetModel();
+}
+
+void SpaceTreeModel::setKnownCaches(KnownCaches caches) {
+    beginResetModel();
+    knownCaches_ = std::move(caches);
+    rebuildParents();
+    endResetModel();
+}
+
+QColor SpaceTreeModel::otherColour() {
+    return {0xc9, 0xce, 0xd6};
+}
+
+void SpaceTreeModel::rebuildColours() {
+    colours_.clear();
+    knownOf_.clear();
+    if (!state_.tree()) {
+        return;
+    }
+    const SpaceNode& root = state_.tree()->root;
+    colours_[&root] = rootColour;
+    // Top-level folders take the palette in the order they are drawn, biggest first; the rest
+    // follow from their parents.
+    std::vector<const SpaceNode*> pending{&root};
+    while (!pending.empty()) {
+        const SpaceNode* node = pending.back();
+        pending.pop_back();
+        if (!knownCaches_.empty()) {
+            if (auto title = knownCaches_.targetOf(node->path)) {
+                knownOf_[node] = std::move(*title);
+            }
+        }
+        const QColor& own = colours_[node];
+        for (size_t row = 0; row < node->children.size(); ++row) {
+            const SpaceNode& child = node->children[row];
+            QColor colour = node == &root ? palette[row % palette.size()]
+                                          : childColour(own, static_cast<int>(row));
+            colours_[&child] = child.kind == SpaceNode::Kind::file ? fileColour(colour) : colour;
+            pending.push_back(&child);
+        }
+    }
 }
 
 void SpaceTreeModel::rebuildParents() {
@@ -44,6 +112,7 @@ void SpaceTreeModel::rebuildParents() {
             pending.push_back(&child);
         }
     }
+    rebuildColours();
 }
 
 bool SpaceTreeModel::isOther(const QModelIndex& index) const {
@@ -129,6 +198,9 @@ QVariant SpaceTreeModel::data(const QModelIndex& index, int role) const {
         if (index.column() == sizeColumn) {
             return bytesText(bytes);
         }
+        if (index.column() == shareColumn) {
+            return shareText(shareOf(index));
+        }
         if (other) {
             return QStringLiteral("%1 smaller %2")
                 .arg(QString::fromStdString(formatCount(node->otherCount)),
@@ -139,18 +211,49 @@ QVariant SpaceTreeModel::data(const QModelIndex& index, int role) const {
         }
         return QString::fromStdString(node->name);
     case Qt::ToolTipRole:
-    case noteRole:
+    case noteRole: {
         if (other) {
             return QString::fromStdString(otherShareNote(*node));
         }
-        if (!node->isComplete) {
-            return QStringLiteral("Not measured whole: the time limit or an unreadable folder "
-                                  "cut it short.");
+        QStringList lines;
+        if (role == Qt::ToolTipRole) {
+            lines << homeRelative(node->path);
         }
-        return role == noteRole ? QVariant() : QVariant(homeRelative(node->path));
+        if (auto known = knownOf_.find(node); known != knownOf_.end()) {
+            lines << QStringLiteral("%1: a cache the Sweep measures; it comes back by itself.")
+                         .arg(QString::fromStdString(known->second));
+        }
+        if (!node->isComplete) {
+            lines << QStringLiteral("Not measured whole: the time limit or an unreadable folder "
+                                    "cut it short.");
+        }
+        return lines.isEmpty() ? QVariant() : QVariant(lines.join('\n'));
+    }
+    case Qt::DecorationRole:
+        return index.column() == nameColumn ? data(index, colourRole) : QVariant();
+    case colourRole: {
+        if (other) {
+            return otherColour();
+        }
+        auto found = colours_.find(node);
+        return found == colours_.end() ? QVariant() : QVariant(found->second);
+    }
+    case knownCacheRole: {
+        auto known = knownOf_.find(node);
+        return !other && known != knownOf_.end() ? QString::fromStdString(known->second)
+                                                 : QString();
+    }
+    case shareRole:
+        return shareOf(index);
+    case Qt::FontRole:
+        if (!other && knownOf_.count(node) != 0 && index.column() == nameColumn) {
+            QFont font;
+            font.setItalic(true);
+            return font;
+        }
+        return {};
     case Qt::TextAlignmentRole:
-        return index.column() == sizeColumn ? QVariant(Qt::AlignRight | Qt::AlignVCenter)
-                                            : QVariant();
+        return columnAlignment(index.column() != nameColumn);
     case bytesRole:
         return QVariant::fromValue<quint64>(bytes);
     case pathRole:
@@ -168,11 +271,36 @@ QVariant SpaceTreeModel::data(const QModelIndex& index, int role) const {
     }
 }
 
+double SpaceTreeModel::shareOf(const QModelIndex& index) const {
+    QModelIndex up = index.parent();
+    if (!up.isValid()) {
+        return 1.0;
+    }
+    auto total = up.data(bytesRole).value<quint64>();
+    auto bytes = index.data(bytesRole).value<quint64>();
+    return total == 0 ? 0.0 : static_cast<double>(bytes) / static_cast<double>(total);
+}
+
 QVariant SpaceTreeModel::headerData(int section, Qt::Orientation orientation, int role) const {
-    if (orientation != Qt::Horizontal || role != Qt::DisplayRole) {
+    if (orientation != Qt::Horizontal) {
         return {};
     }
-    return section == nameColumn ? QStringLiteral("Name") : QStringLiteral("Size on disk");
+    if (role == Qt::TextAlignmentRole) {
+        return columnAlignment(section != nameColumn);
+    }
+    if (role != Qt::DisplayRole) {
+        return {};
+    }
+    switch (section) {
+    case nameColumn:
+        return QStringLiteral("Name");
+    case sizeColumn:
+        return QStringLiteral("Size on disk");
+    case shareColumn:
+        return QStringLiteral("Share");
+    default:
+        return {};
+    }
 }
 
 QModelIndex SpaceTreeModel::indexOfPath(const std::string& path) const {
