@@ -1,7 +1,7 @@
 # The set-up commands: `make run`, `make app` and `make test`. Each installs what is missing first.
 JOBS ?= $(shell nproc 2>/dev/null || sysctl -n hw.ncpu 2>/dev/null || echo 2)
 
-.PHONY: deps run test test-asan bench app format clean
+.PHONY: deps run test test-asan bench app package format clean
 
 deps:
 	@scripts/install-deps
@@ -27,6 +27,13 @@ run: deps build/release/CMakeCache.txt
 app: deps build/release/CMakeCache.txt
 	@cmake --build --preset release -j $(JOBS) --target sparrowdeck-app
 	@build/release/src/app/sparrowdeck-app
+
+# Builds the Debian package of both programs into build/release/package; install it with
+# `sudo apt install ./build/release/package/sparrowdeck_*.deb` (or `cmake --install build/release`).
+package: deps build/release/CMakeCache.txt
+	@cmake --build --preset release -j $(JOBS) --target sparrowdeck sparrowdeck-app manpages
+	@cd build/release && cpack --config CPackConfig.cmake >/dev/null
+	@ls build/release/package/*.deb
 
 test: deps build/debug/CMakeCache.txt
 	@cmake --build --preset debug -j $(JOBS)
