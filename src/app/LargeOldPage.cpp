@@ -12,7 +12,7 @@ LargeOldPage::LargeOldPage(JournalStore& journal, QWidget* parent)
     model_ = new LargeOldModel(state_, this);
     tree()->setRootIsDecorated(false);
     attachModel(model_,
-                {{210, 140, 90, 215}, LargeOldModel::noteColumn, LargeOldModel::actionColumn});
+                {{210, 140, 90, 235}, LargeOldModel::noteColumn, LargeOldModel::actionColumn});
     connect(model_, &LargeOldModel::tickedChanged, this, &LargeOldPage::updateControls);
     connect(&runner(), &ReviewRunner::largeOldFound, this, &LargeOldPage::onFound);
 }

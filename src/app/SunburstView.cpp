@@ -274,11 +274,12 @@ void SunburstView::paintEvent(QPaintEvent*) {
         painter.drawEllipse(c, hole_ - 3, hole_ - 3);
     }
     QRectF text(c.x() - hole_ * 0.8, c.y() - hole_ * 0.55, hole_ * 1.6, hole_ * 1.1);
+    // The middle's text shrinks with the map, so a small window still shows the whole size.
     QFont name = font();
-    name.setPixelSize(14);
+    name.setPixelSize(std::clamp(static_cast<int>(hole_ * 0.2), 10, 14));
     name.setWeight(QFont::DemiBold);
     QFont size = font();
-    size.setPixelSize(18);
+    size.setPixelSize(std::clamp(static_cast<int>(hole_ * 0.24), 11, 18));
     size.setWeight(QFont::DemiBold);
     painter.setPen(ink);
     painter.setFont(name);
@@ -287,7 +288,8 @@ void SunburstView::paintEvent(QPaintEvent*) {
                                                    static_cast<int>(text.width())));
     painter.setFont(size);
     painter.drawText(
-        text.adjusted(0, text.height() * 0.3, 0, -text.height() * 0.3), Qt::AlignCenter,
+        text.adjusted(-hole_ * 0.15, text.height() * 0.3, hole_ * 0.15, -text.height() * 0.3),
+        Qt::AlignCenter,
         QModelIndex(root_).siblingAtColumn(SpaceTreeModel::sizeColumn).data().toString());
     if (root_.parent().isValid()) {
         painter.setFont(small);

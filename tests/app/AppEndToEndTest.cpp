@@ -730,6 +730,11 @@ private slots:
             {Screen::spaceMap, "space-map"},    {Screen::largeOld, "large-old"},
             {Screen::duplicates, "duplicates"}, {Screen::activity, "activity"},
             {Screen::settings, "settings"}};
+        // A fresh map for the pictures: put-backs since the last scan are not on it.
+        window_->showScreen(Screen::spaceMap);
+        window_->rescan();
+        QVERIFY(window_->spaceMapPage()->runner().isRunning());
+        QTRY_VERIFY_WITH_TIMEOUT(!window_->spaceMapPage()->runner().isRunning(), 60000);
         for (QSize size : {QSize(900, 600), QSize(1440, 900)}) {
             window_->resize(size);
             QTRY_COMPARE(window_->size(), size);
