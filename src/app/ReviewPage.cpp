@@ -88,7 +88,7 @@ ReviewPage::ReviewPage(const QString& title, const QString& explanation, const Q
         putBackRunner_->stop();
     });
     connect(runner_, &ReviewRunner::progressChanged, this, [this] {
-        LiveProgress::Reading r = runner_->progress();
+        ProgressReading r = runner_->progress();
         progress_->update(r.fraction, r.message);
     });
     connect(runner_, &ReviewRunner::moved, this, &ReviewPage::onMoved);

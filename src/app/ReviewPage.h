@@ -1,6 +1,5 @@
 #pragma once
 
-#include "app/ReviewRunner.h"
 #include "app/Widgets.h"
 #include "app/Workers.h"
 #include "reclaim/VaultPolicy.h"

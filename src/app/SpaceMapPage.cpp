@@ -141,7 +141,7 @@ SpaceMapPage::SpaceMapPage(QWidget* parent) : QWidget(parent), root_(homeDirecto
     connect(sunburst_, &SunburstView::zoomed, this, &SpaceMapPage::showRoot);
     connect(list_, &QTreeView::clicked, this, &SpaceMapPage::openRow);
     connect(runner_, &SpaceRunner::progressChanged, this, [this] {
-        LiveProgress::Reading r = runner_->progress();
+        ProgressReading r = runner_->progress();
         progress_->update(r.fraction, r.message);
         for (const BigItem& item : runner_->takeBigItems()) {
             bigItems_->addItem(

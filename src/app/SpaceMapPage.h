@@ -1,9 +1,9 @@
 #pragma once
 
-#include "app/SpaceRunner.h"
 #include "app/SpaceTreeModel.h"
 #include "app/SunburstView.h"
 #include "app/Widgets.h"
+#include "app/Workers.h"
 #include "reclaim/VaultTypes.h"
 #include "space/SpaceTree.h"
 

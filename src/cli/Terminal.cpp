@@ -30,8 +30,8 @@ bool progressVisible() {
     return ::isatty(STDERR_FILENO) == 1;
 }
 
-void runWithProgress(const std::function<void()>& work, const std::function<std::string()>& status,
-                     CoreCancellationState& cancellation) {
+void runWithProgress(const std::function<void(std::stop_token)>& work,
+                     const std::function<std::string()>& status) {
     interrupted = 0;
     struct sigaction action {};
     action.sa_handler = &onInterrupt;
@@ -43,9 +43,9 @@ void runWithProgress(const std::function<void()>& work, const std::function<std:
     std::condition_variable done;
     bool finished = false;
     std::exception_ptr failure;
-    std::jthread worker([&] {
+    std::jthread worker([&](std::stop_token stop) {
         try {
-            work();
+            work(stop);
         } catch (...) {
             failure = std::current_exception();
         }
@@ -60,7 +60,7 @@ void runWithProgress(const std::function<void()>& work, const std::function<std:
     for (std::unique_lock guard(lock);
          !done.wait_for(guard, std::chrono::milliseconds(50), [&] { return finished; });) {
         if (interrupted != 0) {
-            cancellation.cancel();
+            worker.request_stop();
         }
         if (draw && ++tick % 4 == 0) {
             std::string line = status();

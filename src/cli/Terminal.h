@@ -1,10 +1,9 @@
 #pragma once
 
-#include "core/Cancellation.h"
-
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <stop_token>
 #include <string>
 #include <thread>
 
@@ -17,8 +16,9 @@ bool confirm(const std::string& question);
 bool progressVisible();
 
 // Runs `work` on a worker thread while the calling thread redraws one status line a few times a
-// second from `status` (only on a terminal) and turns Ctrl-C into a Stop.
-void runWithProgress(const std::function<void()>& work, const std::function<std::string()>& status,
-                     CoreCancellationState& cancellation);
+// second from `status` (only on a terminal) and turns Ctrl-C into a request to stop `work`'s
+// token. What `work` throws is thrown here once it has ended.
+void runWithProgress(const std::function<void(std::stop_token)>& work,
+                     const std::function<std::string()>& status);
 
 } // namespace sd::cli

@@ -17,6 +17,11 @@ UniqueFd openContent(int dirFd, const char* name);
 // Tells the system the open file will be read once, front to back.
 void adviseSequential(int fd);
 
+// Where the open regular file's first block lies on its device, where the file system says: a
+// cold disk reads files fastest in this order. Empty when it does not say (or the file is
+// empty, inline or not yet placed).
+std::optional<std::uint64_t> firstPhysicalOffset(int fd);
+
 // A key for the storage under the open regular file `fd` (`st` is its fstat): two files on one
 // device with equal keys are made of exactly the same blocks, so one is a clone of the other
 // and removing it frees nothing. Empty when the file shares none of its storage, or when its

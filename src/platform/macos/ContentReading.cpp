@@ -4,6 +4,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <sys/attr.h>
+#include <sys/fcntl.h>
 #include <unistd.h>
 
 namespace sd::platform {
@@ -15,6 +16,17 @@ UniqueFd openContent(int dirFd, const char* name) {
 
 void adviseSequential(int fd) {
     ::fcntl(fd, F_RDAHEAD, 1);
+}
+
+std::optional<std::uint64_t> firstPhysicalOffset(int fd) {
+    // F_LOG2PHYS_EXT maps the first byte to its place on the device.
+    struct log2phys place {};
+    place.l2p_contigbytes = 1;
+    place.l2p_devoffset = 0;
+    if (::fcntl(fd, F_LOG2PHYS_EXT, &place) != 0 || place.l2p_devoffset < 0) {
+        return std::nullopt;
+    }
+    return static_cast<std::uint64_t>(place.l2p_devoffset);
 }
 
 std::optional<std::uint64_t> sharedStorageKey(int fd, const struct stat& st) {
