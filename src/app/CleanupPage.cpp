@@ -1,4 +1,5 @@
-#include "app/Pages.h"
+#include "app/CleanupPage.h"
+
 #include "core/ByteFormat.h"
 
 #include <QDateTime>
@@ -101,6 +102,8 @@ CleanupPage::CleanupPage(CatalogState& catalog, JournalStore& journal, QWidget* 
     bottom->addWidget(clean_, 0, Qt::AlignVCenter);
     layout->addLayout(bottom);
 
+    // Return takes the next step: move what was measured, else measure.
+    pressOnReturn(this, [this] { return clean_->isEnabled() ? clean_ : measure_; });
     connect(measure_, &QPushButton::clicked, this, &CleanupPage::measure);
     connect(clean_, &QPushButton::clicked, this, &CleanupPage::startClean);
     connect(risk_, &QComboBox::currentIndexChanged, this, [this](int i) {

@@ -1,19 +1,34 @@
 #pragma once
 
-#include "app/AppState.h"
+#include "app/CatalogState.h"
 #include "app/Pages.h"
-#include "app/ReviewPages.h"
-#include "app/SpaceMapPage.h"
 #include "app/Workers.h"
 
 #include <QListWidget>
 #include <QMainWindow>
+#include <QScrollArea>
 #include <QStackedWidget>
+#include <optional>
+#include <vector>
 
 namespace sd::app {
 
+// Ctrl and a number open the places of the sidebar, counted in its order. A screen that is not
+// built yet keeps its number free; the screens under one heading share the heading's number, and
+// pressing it again moves on to the next of them.
+namespace screenNumber {
+inline constexpr int sweep = 1;
+inline constexpr int cleanup = 2;
+inline constexpr int spaceMap = 3;
+inline constexpr int apps = 4;
+inline constexpr int worthALook = 5;
+inline constexpr int activity = 6;
+inline constexpr int settings = 7;
+} // namespace screenNumber
+
 // The Sparrowdeck window: a sidebar of screens on the left, the chosen screen on the right, and
-// on a first start the introduction in their place.
+// on a first start the introduction in their place. Every screen scrolls when the window is
+// smaller than it needs; Ctrl+R measures or searches the shown screen again.
 class MainWindow : public QMainWindow {
     Q_OBJECT
 
@@ -23,6 +38,13 @@ public:
     explicit MainWindow(QWidget* parent = nullptr);
 
     void showScreen(Screen screen);
+    // The shown screen; none while the introduction is shown.
+    std::optional<Screen> currentScreen() const;
+    // What Ctrl+`number` does: the first screen with that number, or the next one under the same
+    // heading when one of them is already shown.
+    void showNumber(int number);
+    // What Ctrl+R does: presses the shown screen's measure or search button when it can.
+    void rescan();
     // Shows the introduction instead of the screens, as on a first start.
     void showIntroduction();
     bool introductionShown() const;
@@ -32,30 +54,50 @@ public:
     ActivityPage* activityPage() const noexcept { return activity_; }
     SettingsPage* settingsPage() const noexcept { return settings_; }
     SpaceMapPage* spaceMapPage() const noexcept { return spaceMap_; }
-    ReviewPage* largeOldPage() const noexcept { return largeOld_; }
-    ReviewPage* duplicatesPage() const noexcept { return duplicates_; }
+    LargeOldPage* largeOldPage() const noexcept { return largeOld_; }
+    DuplicatesPage* duplicatesPage() const noexcept { return duplicates_; }
     OnboardingPage* onboardingPage() const noexcept { return onboarding_; }
+    QListWidget* sidebar() const noexcept { return sidebar_; }
+    // The scrolling frame a screen is shown in.
+    QScrollArea* frameOf(Screen screen) const;
+    // News for the whole window, such as a file manager that did not answer.
+    const Banner* notice() const noexcept { return notice_; }
     JournalStore& journal() noexcept { return *journal_; }
 
 private:
-    void addScreen(const QString& title, QWidget* page, bool indented = false);
-    void addHeading(const QString& title);
+    struct Place {
+        Screen screen;
+        QWidget* page;
+        QScrollArea* frame;
+        int number;          // Ctrl+number, 0 for none
+        QPushButton* rescan; // what Ctrl+R presses; none where nothing is measured
+        int row;             // in the sidebar
+    };
+
+    void addScreen(Screen screen, const QString& title, QWidget* page, int number,
+                   QPushButton* rescan, bool indented = false);
+    void addHeading(const QString& title, int number);
+    void addShortcuts();
+    const Place* placeOf(Screen screen) const;
     void finishIntroduction();
 
     CatalogState catalog_;
     JournalStore* journal_;
+    std::vector<Place> places_;
     QWidget* shell_;
     QStackedWidget* outer_;
+    QScrollArea* onboardingFrame_;
     QListWidget* sidebar_;
     QStackedWidget* screens_;
+    Banner* notice_;
     OnboardingPage* onboarding_;
     SweepPage* sweep_;
     CleanupPage* cleanup_;
     ActivityPage* activity_;
     SettingsPage* settings_;
     SpaceMapPage* spaceMap_;
-    ReviewPage* largeOld_;
-    ReviewPage* duplicates_;
+    LargeOldPage* largeOld_;
+    DuplicatesPage* duplicates_;
 };
 
 // The settings key that records the introduction was seen.

@@ -6,6 +6,7 @@
 
 #include <QDateTime>
 #include <algorithm>
+#include <cmath>
 
 namespace sd::app {
 
@@ -20,6 +21,44 @@ QString homeRelative(const std::string& path) {
         return QStringLiteral("~") + QString::fromStdString(path.substr(home.size()));
     }
     return QString::fromStdString(path);
+}
+
+QString durationText(double seconds) {
+    if (seconds < 60) {
+        return QString::number(seconds, 'f', 1) + QStringLiteral(" s");
+    }
+    auto whole = static_cast<long>(std::lround(seconds));
+    return QStringLiteral("%1 min %2 s").arg(whole / 60).arg(whole % 60, 2, 10, QLatin1Char('0'));
+}
+
+QString shareText(double share) {
+    if (share > 0 && share < 0.005) {
+        return QStringLiteral("<1%");
+    }
+    return QStringLiteral("%1%").arg(std::lround(std::clamp(share, 0.0, 1.0) * 100));
+}
+
+QVariant columnAlignment(bool numbers) {
+    return QVariant::fromValue(Qt::Alignment(numbers ? Qt::AlignRight | Qt::AlignVCenter
+                                                     : Qt::AlignLeft | Qt::AlignVCenter));
+}
+
+QIcon noteIcon() {
+    static const QIcon icon(QStringLiteral(":/sparrowdeck/info.svg"));
+    return icon;
+}
+
+QString toQ(std::string_view text) {
+    return QString::fromUtf8(text.data(), static_cast<qsizetype>(text.size()));
+}
+
+QString nameOf(const std::string& path) {
+    return QString::fromStdString(path.substr(path.rfind('/') + 1));
+}
+
+QString folderOf(const std::string& path) {
+    size_t slash = path.rfind('/');
+    return homeRelative(slash == 0 ? std::string("/") : path.substr(0, slash));
 }
 
 QString dateText(const std::string& isoDate) {
@@ -45,65 +84,6 @@ SweepTile emptyTile(SweepTileKind kind) {
     return tile;
 }
 } // namespace
-
-std::string pathKey(const Target& target, const PathSpec& path) {
-    return target.id + "\n" + path.id.value_or(path.pathTemplate);
-}
-
-// ---------------------------------------------------------------------------------------------
-// CatalogState
-
-CatalogState::CatalogState(platform::UserDefaults store)
-    : store(std::move(store)), catalog(buildCatalog(DistributionMode::direct)),
-      prefs(loadInclusionPreferences(this->store)) {
-    reloadLeftOut();
-}
-
-void CatalogState::setIncluded(const std::string& id, bool included) {
-    // One switch for both: what is measured is what a clean may move.
-    prefs.scan[id] = included;
-    prefs.clean[id] = included;
-    saveInclusionPreferences(store, prefs);
-}
-
-bool CatalogState::isIncluded(const std::string& id) const {
-    return InclusionPreferences::includes(prefs.scan, id) &&
-           InclusionPreferences::includes(prefs.clean, id);
-}
-
-bool CatalogState::isIncluded(const Target& target, const PathSpec& path) const {
-    return isIncluded(target.id) && (!path.id || isIncluded(*path.id));
-}
-
-void CatalogState::reloadLeftOut() {
-    Sweep reader(DistributionMode::direct, store, homePolicy());
-    leftOutOfSweep = reader.skippedTargets();
-}
-
-void CatalogState::leaveOut(const std::string& targetID, bool leftOut) {
-    Sweep writer(DistributionMode::direct, store, homePolicy());
-    if (leftOut) {
-        writer.leaveOut(targetID);
-    } else {
-        writer.bringBack(targetID);
-    }
-    leftOutOfSweep = writer.skippedTargets();
-}
-
-void CatalogState::setScan(std::optional<ScanResult> result) {
-    scan = std::move(result);
-    bytesByTarget.clear();
-    bytesByPath.clear();
-    if (!scan) {
-        return;
-    }
-    for (const TargetSize& t : scan->perTargetBytes) {
-        bytesByTarget[t.targetId] = t.bytes;
-    }
-    for (const PathSize& p : scan->perPathBytes) {
-        bytesByPath[p.targetId + "\n" + p.pathId] += p.bytes;
-    }
-}
 
 // ---------------------------------------------------------------------------------------------
 // SweepTileModel
@@ -482,8 +462,7 @@ QVariant CatalogModel::data(const QModelIndex& index, int role) const {
     case riskRole:
         return static_cast<int>(target.risk);
     case Qt::TextAlignmentRole:
-        return index.column() == sizeColumn ? QVariant(Qt::AlignRight | Qt::AlignVCenter)
-                                            : QVariant();
+        return columnAlignment(index.column() == sizeColumn);
     default:
         return {};
     }
@@ -552,6 +531,9 @@ Qt::ItemFlags CatalogModel::flags(const QModelIndex& index) const {
 }
 
 QVariant CatalogModel::headerData(int section, Qt::Orientation orientation, int role) const {
+    if (orientation == Qt::Horizontal && role == Qt::TextAlignmentRole) {
+        return columnAlignment(section == sizeColumn);
+    }
     if (orientation != Qt::Horizontal || role != Qt::DisplayRole) {
         return {};
     }
@@ -765,8 +747,7 @@ QVariant ActivityModel::data(const QModelIndex& index, int role) const {
                                : QStringLiteral("\nIn the Trash as ") +
                                      QString::fromStdString(item->trashPath));
     case Qt::TextAlignmentRole:
-        return index.column() == sizeColumn ? QVariant(Qt::AlignRight | Qt::AlignVCenter)
-                                            : QVariant();
+        return columnAlignment(index.column() == sizeColumn);
     case bytesRole:
         return QVariant::fromValue<quint64>(item != nullptr ? item->bytes : bytes);
     case pathRole:
@@ -788,6 +769,9 @@ QVariant ActivityModel::data(const QModelIndex& index, int role) const {
 }
 
 QVariant ActivityModel::headerData(int section, Qt::Orientation orientation, int role) const {
+    if (orientation == Qt::Horizontal && role == Qt::TextAlignmentRole) {
+        return columnAlignment(section == sizeColumn);
+    }
     if (orientation != Qt::Horizontal || role != Qt::DisplayRole) {
         return {};
     }

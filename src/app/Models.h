@@ -1,9 +1,11 @@
 #pragma once
 
-#include "app/AppState.h"
+#include "app/CatalogState.h"
+#include "app/SweepState.h"
 #include "reclaim/ReclaimJournal.h"
 
 #include <QAbstractItemModel>
+#include <QIcon>
 #include <QSortFilterProxyModel>
 #include <vector>
 
@@ -26,6 +28,9 @@ enum ItemRole {
     isDirectoryRole, // bool
     fileCountRole,   // quint64 files below a space-tree row
     hasChildrenRole, // bool: a space-tree row with rows of its own
+    colourRole,      // QColor: a space-tree row's colour, the same in the list and on the map
+    knownCacheRole,  // QString: the catalog target a space-tree row is a location of, or empty
+    shareRole,       // double 0…1: a space-tree row's share of its parent
 };
 
 enum class TileState { waiting, measuring, measured, recorded, moved };
@@ -182,7 +187,20 @@ private:
 QString bytesText(std::uint64_t bytes);
 // A path inside the home folder written from "~", as people recognise it.
 QString homeRelative(const std::string& path);
+// The last component of a path, and the folder that holds it written from "~".
+QString nameOf(const std::string& path);
+QString folderOf(const std::string& path);
+QString toQ(std::string_view text);
+// How a column's cells and its header line up: numbers to the right, words to the left, so every
+// header sits over what it names.
+QVariant columnAlignment(bool numbers);
+// The mark of a cell cut to one line whose whole sentence is in its tooltip.
+QIcon noteIcon();
 // A journal date ("2024-05-01T10:00:00Z") in the local time zone, as people read it.
 QString dateText(const std::string& isoDate);
+// A share of a whole as a whole percentage; shares too small to round to 1% read "<1%".
+QString shareText(double share);
+// A duration in seconds below a minute, in minutes and seconds above.
+QString durationText(double seconds);
 
 } // namespace sd::app

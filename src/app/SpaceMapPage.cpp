@@ -1,446 +1,27 @@
 #include "app/SpaceMapPage.h"
 
-#include "app/Pages.h"
+#include "app/Models.h"
 #include "core/ByteFormat.h"
 #include "core/PathRules.h"
 #include "platform/Dirs.h"
 
 #include <QHBoxLayout>
 #include <QHeaderView>
+#include <QKeyEvent>
 #include <QMouseEvent>
-#include <QPainter>
-#include <QPainterPath>
-#include <QToolTip>
 #include <QVBoxLayout>
-#include <cmath>
-#include <numbers>
 
 namespace sd::app {
 
-namespace {
-
-// An "other" row points at its node with the lowest bit set; nodes are aligned, so the bit is
-// free.
-constexpr quintptr otherTag = 1;
-
-// Hues for the top-level wedges, chosen to sit apart and stay calm.
-const std::array<QColor, 8> wedgePalette{QColor(0x4f, 0x7c, 0xe8), QColor(0x2f, 0xa8, 0x8f),
-                                         QColor(0xe0, 0x8a, 0x3c), QColor(0x9b, 0x6b, 0xd6),
-                                         QColor(0xd9, 0x5f, 0x7a), QColor(0x5a, 0xb0, 0xd8),
-                                         QColor(0xc4, 0xa8, 0x35), QColor(0x6d, 0x8a, 0x5a)};
-const QColor otherColour(0xc9, 0xce, 0xd6);
-constexpr int ringsShown = 4;
-constexpr double thinnestDegrees = 0.35; // narrower wedges are not drawn apart
-
-} // namespace
-
-// ---------------------------------------------------------------------------------------------
-// SpaceTreeModel
-
-SpaceTreeModel::SpaceTreeModel(const SpaceMapState& state, QObject* parent)
-    : QAbstractItemModel(parent), state_(state) {
-    rebuildParents();
-}
-
-void SpaceTreeModel::beginChange() {
-    beginResetModel();
-}
-
-void SpaceTreeModel::endChange() {
-    rebuildParents();
-    endResetModel();
-}
-
-void SpaceTreeModel::rebuildParents() {
-    // Nodes know their children only; the way up is kept here, pointing into the state's tree.
-    parents_.clear();
-    if (!state_.tree()) {
-        return;
-    }
-    std::vector<const SpaceNode*> pending{&state_.tree()->root};
-    parents_[pending.back()] = nullptr;
-    while (!pending.empty()) {
-        const SpaceNode* node = pending.back();
-        pending.pop_back();
-        for (const SpaceNode& child : node->children) {
-            parents_[&child] = node;
-            pending.push_back(&child);
-        }
-    }
-}
-
-bool SpaceTreeModel::isOther(const QModelIndex& index) const {
-    return index.isValid() && (index.internalId() & otherTag) != 0;
-}
-
-const SpaceNode* SpaceTreeModel::nodeOf(const QModelIndex& index) const {
-    if (!index.isValid()) {
-        return nullptr;
-    }
-    return reinterpret_cast<const SpaceNode*>(index.internalId() & ~otherTag);
-}
-
-int SpaceTreeModel::rowsOf(const SpaceNode& node) const {
-    return static_cast<int>(node.children.size()) + (node.otherBytes > 0 ? 1 : 0);
-}
-
-QModelIndex SpaceTreeModel::indexOfNode(const SpaceNode* node, int column) const {
-    auto up = parents_.find(node);
-    if (node == nullptr || up == parents_.end()) {
-        return {};
-    }
-    int row = up->second == nullptr ? 0 : static_cast<int>(node - up->second->children.data());
-    return createIndex(row, column, reinterpret_cast<quintptr>(node));
-}
-
-QModelIndex SpaceTreeModel::index(int row, int column, const QModelIndex& parent) const {
-    if (row < 0 || column < 0 || column >= columnCount_ || !state_.tree()) {
-        return {};
-    }
-    if (!parent.isValid()) {
-        return row == 0 ? indexOfNode(&state_.tree()->root, column) : QModelIndex();
-    }
-    const SpaceNode* node = nodeOf(parent);
-    if (isOther(parent) || row >= rowsOf(*node)) {
-        return {};
-    }
-    if (static_cast<size_t>(row) < node->children.size()) {
-        return createIndex(row, column,
-                           reinterpret_cast<quintptr>(&node->children[static_cast<size_t>(row)]));
-    }
-    return createIndex(row, column, reinterpret_cast<quintptr>(node) | otherTag);
-}
-
-QModelIndex SpaceTreeModel::parent(const QModelIndex& child) const {
-    if (!child.isValid()) {
-        return {};
-    }
-    const SpaceNode* node = nodeOf(child);
-    if (isOther(child)) {
-        return indexOfNode(node);
-    }
-    auto up = parents_.find(node);
-    return up == parents_.end() ? QModelIndex() : indexOfNode(up->second);
-}
-
-int SpaceTreeModel::rowCount(const QModelIndex& parent) const {
-    if (!state_.tree()) {
-        return 0;
-    }
-    if (!parent.isValid()) {
-        return 1;
-    }
-    if (parent.column() != 0 || isOther(parent)) {
-        return 0;
-    }
-    return rowsOf(*nodeOf(parent));
-}
-
-int SpaceTreeModel::columnCount(const QModelIndex&) const {
-    return columnCount_;
-}
-
-QVariant SpaceTreeModel::data(const QModelIndex& index, int role) const {
-    const SpaceNode* node = nodeOf(index);
-    if (node == nullptr) {
-        return {};
-    }
-    bool other = isOther(index);
-    std::uint64_t bytes = other ? node->otherBytes : node->bytes;
-    switch (role) {
-    case Qt::DisplayRole:
-        if (index.column() == sizeColumn) {
-            return bytesText(bytes);
-        }
-        if (other) {
-            return QStringLiteral("%1 smaller %2")
-                .arg(QString::fromStdString(formatCount(node->otherCount)),
-                     node->otherCount == 1 ? QStringLiteral("item") : QStringLiteral("items"));
-        }
-        if (node == &state_.tree()->root && node->path == homeDirectory()) {
-            return QStringLiteral("Home");
-        }
-        return QString::fromStdString(node->name);
-    case Qt::ToolTipRole:
-    case noteRole:
-        if (other) {
-            return QString::fromStdString(otherShareNote(*node));
-        }
-        if (!node->isComplete) {
-            return QStringLiteral("Not measured whole: the time limit or an unreadable folder "
-                                  "cut it short.");
-        }
-        return role == noteRole ? QVariant() : QVariant(homeRelative(node->path));
-    case Qt::TextAlignmentRole:
-        return index.column() == sizeColumn ? QVariant(Qt::AlignRight | Qt::AlignVCenter)
-                                            : QVariant();
-    case bytesRole:
-        return QVariant::fromValue<quint64>(bytes);
-    case pathRole:
-        return QString::fromStdString(node->path);
-    case isOtherRole:
-        return other;
-    case isDirectoryRole:
-        return !other && node->kind == SpaceNode::Kind::directory;
-    case hasChildrenRole:
-        return !other && !node->children.empty();
-    case fileCountRole:
-        return QVariant::fromValue<quint64>(other ? node->otherCount : node->fileCount);
-    default:
-        return {};
-    }
-}
-
-QVariant SpaceTreeModel::headerData(int section, Qt::Orientation orientation, int role) const {
-    if (orientation != Qt::Horizontal || role != Qt::DisplayRole) {
-        return {};
-    }
-    return section == nameColumn ? QStringLiteral("Name") : QStringLiteral("Size on disk");
-}
-
-QModelIndex SpaceTreeModel::indexOfPath(const std::string& path) const {
-    if (!state_.tree()) {
-        return {};
-    }
-    return indexOfNode(findDeepestNode(state_.tree()->root, path));
-}
-
-// ---------------------------------------------------------------------------------------------
-// SunburstView
-
-SunburstView::SunburstView(QWidget* parent) : QWidget(parent) {
-    setMouseTracking(true);
-    setMinimumSize(360, 360);
-    setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Expanding);
-}
-
-void SunburstView::setModel(SpaceTreeModel* model) {
-    model_ = model;
-    connect(model_, &QAbstractItemModel::modelReset, this,
-            [this] { setRootIndex(model_->index(0, 0)); });
-    setRootIndex(model_->index(0, 0));
-}
-
-void SunburstView::setRootIndex(const QModelIndex& index) {
-    root_ = index;
-    hovered_ = QModelIndex();
-    selected_ = index;
-    layoutWedges();
-    update();
-}
-
-QPointF SunburstView::centre() const {
-    return QRectF(rect()).center();
-}
-
-void SunburstView::resizeEvent(QResizeEvent* event) {
-    QWidget::resizeEvent(event);
-    layoutWedges();
-}
-
-void SunburstView::layoutWedges() {
-    wedges_.clear();
-    double radius = std::min(width(), height()) / 2.0 - 8;
-    hole_ = radius * 0.26;
-    ring_ = (radius - hole_) / ringsShown;
-    if (model_ == nullptr || !root_.isValid()) {
-        return;
-    }
-    addRing(root_, 1, 0, 360, 0);
-}
-
-void SunburstView::addRing(const QModelIndex& parent, int depth, double start, double span,
-                           double hue) {
-    auto total = parent.data(bytesRole).value<quint64>();
-    if (total == 0) {
-        return;
-    }
-    double at = start;
-    for (int row = 0; row < model_->rowCount(parent); ++row) {
-        QModelIndex child = model_->index(row, 0, parent);
-        double share = span * static_cast<double>(child.data(bytesRole).value<quint64>()) /
-                       static_cast<double>(total);
-        // Each top-level wedge has a hue of its own; below it, siblings turn the hue a little
-        // apart and every ring is lighter, so neighbours stay tellable without a rainbow.
-        double childHue =
-            depth == 1
-                ? wedgePalette[static_cast<size_t>(row) % wedgePalette.size()].hsvHueF() * 360
-                : hue + (row % 2 == 0 ? 1 : -1) * 9.0 * ((row + 1) / 2);
-        if (share >= thinnestDegrees) {
-            QColor colour = otherColour;
-            if (!child.data(isOtherRole).toBool()) {
-                QColor base =
-                    wedgePalette[static_cast<size_t>(depth == 1 ? row : 0) % wedgePalette.size()];
-                double h = std::fmod(childHue + 360.0, 360.0) / 360.0;
-                colour =
-                    QColor::fromHsvF(static_cast<float>(h), base.hsvSaturationF(), base.valueF())
-                        .lighter(100 + (depth - 1) * 12);
-            }
-            double inner = hole_ + (depth - 1) * ring_;
-            wedges_.push_back({child, inner, inner + ring_, at, share, colour});
-            if (depth < ringsShown && child.data(hasChildrenRole).toBool()) {
-                addRing(child, depth + 1, at, share, childHue);
-            }
-        }
-        at += share;
-    }
-}
-
-void SunburstView::paintEvent(QPaintEvent*) {
-    QPainter painter(this);
-    painter.setRenderHint(QPainter::Antialiasing);
-    QPointF c = centre();
-    if (!root_.isValid()) {
-        painter.setPen(QColor(0x6b, 0x72, 0x80));
-        painter.drawText(rect(), Qt::AlignCenter | Qt::TextWordWrap,
-                         QStringLiteral("Scan your home folder to draw its map."));
-        return;
-    }
-    for (const Wedge& w : wedges_) {
-        QRectF outer(c.x() - w.outer, c.y() - w.outer, 2 * w.outer, 2 * w.outer);
-        QRectF inner(c.x() - w.inner, c.y() - w.inner, 2 * w.inner, 2 * w.inner);
-        // Angles run clockwise from twelve o'clock; Qt's run counter-clockwise from three.
-        double from = 90 - w.start;
-        QPainterPath path;
-        path.arcMoveTo(outer, from);
-        path.arcTo(outer, from, -w.span);
-        path.arcTo(inner, from - w.span, w.span);
-        path.closeSubpath();
-        QColor fill = w.colour;
-        if (w.index == hovered_) {
-            fill = fill.darker(115);
-        }
-        painter.fillPath(path, fill);
-        if (w.index.data(isOtherRole).toBool()) {
-            painter.fillPath(path, QBrush(QColor(0xa7, 0xae, 0xb8), Qt::BDiagPattern));
-        }
-        painter.setPen(QPen(QColor(0xf6, 0xf7, 0xf9), 1.2));
-        painter.drawPath(path);
-        if (w.index == selected_) {
-            painter.setPen(QPen(QColor(0x1f, 0x23, 0x28), 2));
-            painter.drawPath(path);
-        }
-    }
-    // The middle names what is shown and, below a folder, offers the way back out.
-    painter.setPen(Qt::NoPen);
-    painter.setBrush(root_ == hovered_ ? QColor(0xee, 0xf1, 0xf6) : QColor(Qt::white));
-    painter.drawEllipse(c, hole_ - 2, hole_ - 2);
-    QRectF text(c.x() - hole_ * 0.8, c.y() - hole_ * 0.55, hole_ * 1.6, hole_ * 1.1);
-    QFont name = font();
-    name.setPixelSize(14);
-    name.setWeight(QFont::DemiBold);
-    QFont size = font();
-    size.setPixelSize(18);
-    size.setWeight(QFont::DemiBold);
-    QFont hint = font();
-    hint.setPixelSize(11);
-    painter.setPen(QColor(0x1f, 0x23, 0x28));
-    painter.setFont(name);
-    painter.drawText(text.adjusted(0, 0, 0, -text.height() * 0.62), Qt::AlignCenter,
-                     QFontMetrics(name).elidedText(root_.data().toString(), Qt::ElideMiddle,
-                                                   static_cast<int>(text.width())));
-    painter.setFont(size);
-    painter.drawText(
-        text.adjusted(0, text.height() * 0.3, 0, -text.height() * 0.3), Qt::AlignCenter,
-        QModelIndex(root_).siblingAtColumn(SpaceTreeModel::sizeColumn).data().toString());
-    if (root_.parent().isValid()) {
-        painter.setFont(hint);
-        painter.setPen(QColor(0x6b, 0x72, 0x80));
-        painter.drawText(text.adjusted(0, text.height() * 0.66, 0, 0), Qt::AlignCenter,
-                         QStringLiteral("Click to go back"));
-    }
-}
-
-QModelIndex SunburstView::indexAt(const QPointF& point) const {
-    QPointF d = point - centre();
-    double distance = std::hypot(d.x(), d.y());
-    if (distance < hole_) {
-        return root_;
-    }
-    double angle = std::atan2(d.x(), -d.y()) * 180 / std::numbers::pi;
-    if (angle < 0) {
-        angle += 360;
-    }
-    for (const Wedge& w : wedges_) {
-        if (distance >= w.inner && distance < w.outer && angle >= w.start &&
-            angle < w.start + w.span) {
-            return w.index;
-        }
-    }
-    return {};
-}
-
-std::optional<QPointF> SunburstView::centreOf(const QModelIndex& index) const {
-    for (const Wedge& w : wedges_) {
-        if (w.index == index) {
-            double angle = (w.start + w.span / 2) * std::numbers::pi / 180;
-            double r = (w.inner + w.outer) / 2;
-            return centre() + QPointF(r * std::sin(angle), -r * std::cos(angle));
-        }
-    }
-    return std::nullopt;
-}
-
-void SunburstView::mouseMoveEvent(QMouseEvent* event) {
-    QModelIndex at = indexAt(event->position());
-    if (at != QModelIndex(hovered_)) {
-        hovered_ = at;
-        update();
-        emit hovered(at);
-    }
-    if (at.isValid()) {
-        QToolTip::showText(event->globalPosition().toPoint(),
-                           homeRelative(at.data(pathRole).toString().toStdString()) + "\n" +
-                               at.siblingAtColumn(SpaceTreeModel::sizeColumn).data().toString(),
-                           this);
-    }
-}
-
-void SunburstView::leaveEvent(QEvent* event) {
-    hovered_ = QModelIndex();
-    update();
-    emit hovered(QModelIndex());
-    QWidget::leaveEvent(event);
-}
-
-void SunburstView::mousePressEvent(QMouseEvent* event) {
-    if (event->button() != Qt::LeftButton) {
-        return;
-    }
-    QModelIndex at = indexAt(event->position());
-    if (!at.isValid()) {
-        return;
-    }
-    if (at == QModelIndex(root_)) {
-        QModelIndex up = root_.parent();
-        if (up.isValid()) {
-            setRootIndex(up);
-            emit zoomed(up);
-        }
-        return;
-    }
-    if (at.data(hasChildrenRole).toBool()) {
-        setRootIndex(at);
-        emit zoomed(at);
-        emit selected(at);
-        return;
-    }
-    selected_ = at;
-    update();
-    emit selected(at);
-}
-
-// ---------------------------------------------------------------------------------------------
-// SpaceMapPage
-
-SpaceMapPage::SpaceMapPage(QWidget* parent) : QWidget(parent) {
+SpaceMapPage::SpaceMapPage(QWidget* parent) : QWidget(parent), root_(homeDirectory()) {
     runner_ = new SpaceRunner(this);
     model_ = new SpaceTreeModel(state_, this);
     QVBoxLayout* layout = pageLayout(
         this, QStringLiteral("Space Map"),
-        QStringLiteral("Your home folder as rings: each ring is one level deeper, each wedge as "
-                       "wide as the space it takes. Click a folder to look inside, the middle to "
-                       "go back. Nothing moves from here."));
+        QStringLiteral("Your home folder, or any folder in it, as rings: each ring is one level "
+                       "deeper, each wedge as wide as the space it takes. Click a folder or press "
+                       "Enter to look inside; click the middle or press Backspace to go back. "
+                       "Nothing moves from here."));
 
     auto* top = new QHBoxLayout;
     auto* texts = new QVBoxLayout;
@@ -454,9 +35,14 @@ SpaceMapPage::SpaceMapPage(QWidget* parent) : QWidget(parent) {
     texts->addWidget(status_);
     texts->addWidget(statusDetail_);
     top->addLayout(texts, 1);
+    mapHome_ = new QPushButton(QStringLiteral("Map Home"));
+    mapHome_->hide();
+    choose_ = new QPushButton(QStringLiteral("Map a Folder…"));
     scan_ = new QPushButton(QStringLiteral("Scan"));
     scan_->setProperty("primary", true);
     scan_->setMinimumWidth(110);
+    top->addWidget(mapHome_, 0, Qt::AlignTop);
+    top->addWidget(choose_, 0, Qt::AlignTop);
     top->addWidget(scan_, 0, Qt::AlignTop);
     layout->addLayout(top);
     progress_ = new ProgressStrip;
@@ -466,18 +52,28 @@ SpaceMapPage::SpaceMapPage(QWidget* parent) : QWidget(parent) {
 
     auto* body = new QHBoxLayout;
     body->setSpacing(18);
+    auto* mapColumn = new QVBoxLayout;
+    mapColumn->setSpacing(4);
     sunburst_ = new SunburstView;
     sunburst_->setModel(model_);
-    body->addWidget(sunburst_, 3);
+    mapColumn->addWidget(sunburst_, 1);
+    auto* legend = paragraph(QStringLiteral("Dashed outline: a cache the Sweep measures, which "
+                                            "comes back by itself. Pale, shorter wedges are "
+                                            "files; grey ones gather many small items."),
+                             "muted");
+    legend->setStyleSheet(QStringLiteral("font-size: 11px;"));
+    mapColumn->addWidget(legend);
+    body->addLayout(mapColumn, 3);
 
     auto* side = new QVBoxLayout;
     side->setSpacing(8);
     auto* crumbsRow = new QHBoxLayout;
     crumbs_ = new QLabel;
     crumbs_->setStyleSheet(QStringLiteral("font-weight: 600;"));
+    crumbs_->setWordWrap(true);
     up_ = new QPushButton(QStringLiteral("Back Out"));
     crumbsRow->addWidget(crumbs_, 1);
-    crumbsRow->addWidget(up_);
+    crumbsRow->addWidget(up_, 0, Qt::AlignTop);
     side->addLayout(crumbsRow);
     pointer_ = new QLabel(QStringLiteral("Point at a wedge to see what it is."));
     pointer_->setObjectName(QStringLiteral("muted"));
@@ -490,12 +86,17 @@ SpaceMapPage::SpaceMapPage(QWidget* parent) : QWidget(parent) {
     list_->setRootIsDecorated(false);
     list_->setItemsExpandable(false);
     list_->setUniformRowHeights(true);
+    list_->setAllColumnsShowFocus(true);
     list_->setItemDelegate(new RoomyDelegate(28, list_));
     list_->header()->setSectionResizeMode(SpaceTreeModel::nameColumn, QHeaderView::Stretch);
     list_->header()->setSectionResizeMode(SpaceTreeModel::sizeColumn,
                                           QHeaderView::ResizeToContents);
+    list_->header()->setSectionResizeMode(SpaceTreeModel::shareColumn,
+                                          QHeaderView::ResizeToContents);
     list_->header()->setStretchLastSection(false);
     list_->setTextElideMode(Qt::ElideMiddle);
+    list_->installEventFilter(this);
+    list_->viewport()->installEventFilter(this);
     side->addWidget(list_, 1);
     reveal_ = new QPushButton(revealText());
     side->addWidget(reveal_);
@@ -510,19 +111,25 @@ SpaceMapPage::SpaceMapPage(QWidget* parent) : QWidget(parent) {
     bigItems_->hide();
     auto* sideBox = new QWidget;
     sideBox->setLayout(side);
-    sideBox->setFixedWidth(360);
-    body->addWidget(sideBox);
+    sideBox->setMinimumWidth(280);
+    sideBox->setMaximumWidth(380);
+    body->addWidget(sideBox, 2);
     layout->addLayout(body, 1);
 
+    folderDialog_ = new QFileDialog(this, QStringLiteral("Map a Folder"));
+    folderDialog_->setFileMode(QFileDialog::Directory);
+    folderDialog_->setOption(QFileDialog::ShowDirsOnly);
+    folderDialog_->setAcceptMode(QFileDialog::AcceptOpen);
+    folderDialog_->setLabelText(QFileDialog::Accept, QStringLiteral("Map"));
+
+    pressOnReturn(this, [this] { return scan_; });
     connect(scan_, &QPushButton::clicked, this, [this] { startScan(budget_); });
+    connect(choose_, &QPushButton::clicked, this, &SpaceMapPage::chooseFolder);
+    connect(mapHome_, &QPushButton::clicked, this, [this] { mapFolder(homeDirectory()); });
+    connect(folderDialog_, &QFileDialog::fileSelected, this,
+            [this](const QString& folder) { mapFolder(folder.toStdString()); });
     connect(progress_, &ProgressStrip::stopRequested, runner_, &SpaceRunner::stop);
-    connect(up_, &QPushButton::clicked, this, [this] {
-        QModelIndex up = sunburst_->rootIndex().parent();
-        if (up.isValid()) {
-            sunburst_->setRootIndex(up);
-            showRoot(up);
-        }
-    });
+    connect(up_, &QPushButton::clicked, this, [this] { sunburst_->zoomOut(); });
     connect(reveal_, &QPushButton::clicked, this, [this] {
         QModelIndex at = sunburst_->selectedIndex();
         if (at.isValid()) {
@@ -532,15 +139,7 @@ SpaceMapPage::SpaceMapPage(QWidget* parent) : QWidget(parent) {
     connect(sunburst_, &SunburstView::hovered, this, &SpaceMapPage::onHovered);
     connect(sunburst_, &SunburstView::selected, this, &SpaceMapPage::onSelected);
     connect(sunburst_, &SunburstView::zoomed, this, &SpaceMapPage::showRoot);
-    connect(list_, &QTreeView::clicked, this, [this](const QModelIndex& index) {
-        QModelIndex at = index.siblingAtColumn(0);
-        if (at.data(hasChildrenRole).toBool()) {
-            sunburst_->setRootIndex(at);
-            showRoot(at);
-        } else {
-            onSelected(at);
-        }
-    });
+    connect(list_, &QTreeView::clicked, this, &SpaceMapPage::openRow);
     connect(runner_, &SpaceRunner::progressChanged, this, [this] {
         ProgressReading r = runner_->progress();
         progress_->update(r.fraction, r.message);
@@ -574,13 +173,84 @@ void SpaceMapPage::startScan(std::optional<double> budget) {
     bigItems_->clear();
     bigTitle_->hide();
     bigItems_->hide();
-    runner_->scan(homeDirectory(), budget, streamMinimumBytes_);
+    runner_->scan(root_, budget, streamMinimumBytes_);
     progress_->update(0, QStringLiteral("Starting the scan"));
-    if (!state_.tree()) {
-        status_->setText(QStringLiteral("Scanning your home folder…"));
+    if (!state_.tree() || state_.tree()->root.path != root_) {
+        status_->setText(root_ == homeDirectory()
+                             ? QStringLiteral("Scanning your home folder…")
+                             : QStringLiteral("Scanning %1…").arg(homeRelative(root_)));
         statusDetail_->setText(QStringLiteral("Reading sizes only; nothing moves. Big items are "
                                               "listed as soon as they are found."));
     }
+}
+
+void SpaceMapPage::chooseFolder() {
+    folderDialog_->setDirectory(QString::fromStdString(root_));
+    folderDialog_->open();
+}
+
+void SpaceMapPage::mapFolder(const std::string& folder) {
+    std::string chosen = normalizePath(folder);
+    const std::string& home = homeDirectory();
+    if (chosen != home && !isInside(chosen, home)) {
+        banner_->show(QStringLiteral("%1 is outside your home folder, so it was not mapped.")
+                          .arg(QString::fromStdString(chosen)),
+                      Banner::Tone::warning,
+                      QStringLiteral("The Space Map reads folders inside your home folder, where "
+                                     "your own files are. Nothing was read."));
+        return;
+    }
+    root_ = chosen;
+    mapHome_->setVisible(root_ != home);
+    startScan(budget_);
+}
+
+void SpaceMapPage::setKnownCaches(KnownCaches caches) {
+    model_->setKnownCaches(std::move(caches));
+}
+
+void SpaceMapPage::openRow(const QModelIndex& index) {
+    QModelIndex at = index.siblingAtColumn(0);
+    if (!at.isValid()) {
+        return;
+    }
+    if (at.data(hasChildrenRole).toBool()) {
+        sunburst_->setRootIndex(at);
+        showRoot(at);
+    } else {
+        sunburst_->select(at);
+    }
+}
+
+bool SpaceMapPage::eventFilter(QObject* watched, QEvent* event) {
+    // The list answers the same keys as the map, and the mouse's back button goes back out
+    // wherever it is pressed.
+    if (event->type() == QEvent::MouseButtonPress &&
+        static_cast<QMouseEvent*>(event)->button() == Qt::BackButton) {
+        sunburst_->zoomOut();
+        return true;
+    }
+    if (watched == list_ && event->type() == QEvent::KeyPress) {
+        auto* key = static_cast<QKeyEvent*>(event);
+        if (key->key() == Qt::Key_Return || key->key() == Qt::Key_Enter) {
+            openRow(list_->currentIndex());
+            return true;
+        }
+        if (key->key() == Qt::Key_Backspace) {
+            sunburst_->zoomOut();
+            return true;
+        }
+    }
+    return QWidget::eventFilter(watched, event);
+}
+
+void SpaceMapPage::mousePressEvent(QMouseEvent* event) {
+    if (event->button() == Qt::BackButton) {
+        sunburst_->zoomOut();
+        event->accept();
+        return;
+    }
+    QWidget::mousePressEvent(event);
 }
 
 void SpaceMapPage::onScanned(const SpaceScanResult& result) {
@@ -646,20 +316,35 @@ void SpaceMapPage::onHovered(const QModelIndex& index) {
         pointer_->setText(index.data(noteRole).toString());
         return;
     }
-    pointer_->setText(homeRelative(index.data(pathRole).toString().toStdString()) +
-                      QStringLiteral(" — ") + size);
+    QString text =
+        homeRelative(index.data(pathRole).toString().toStdString()) + QStringLiteral(" — ") + size;
+    if (QString cache = index.data(knownCacheRole).toString(); !cache.isEmpty()) {
+        text += QStringLiteral(". %1: a cache the Sweep measures.").arg(cache);
+    }
+    pointer_->setText(text);
 }
 
 void SpaceMapPage::onSelected(const QModelIndex& index) {
     reveal_->setEnabled(index.isValid());
     onHovered(index);
+    if (index.isValid() && index.parent() == list_->rootIndex()) {
+        list_->setCurrentIndex(index);
+    }
 }
 
 void SpaceMapPage::showRoot(const QModelIndex& root) {
     list_->setRootIndex(root);
+    if (QModelIndex first = model_->index(0, 0, root); first.isValid()) {
+        list_->setCurrentIndex(first);
+    }
     QStringList names;
     for (QModelIndex at = root; at.isValid(); at = at.parent()) {
-        names.prepend(at.parent().isValid() ? at.data().toString() : QStringLiteral("Home"));
+        if (at.parent().isValid()) {
+            names.prepend(at.data().toString());
+        } else {
+            std::string top = at.data(pathRole).toString().toStdString();
+            names.prepend(top == homeDirectory() ? QStringLiteral("Home") : homeRelative(top));
+        }
     }
     crumbs_->setText(names.join(QStringLiteral(" › ")));
     up_->setEnabled(root.isValid() && root.parent().isValid());

@@ -1,4 +1,5 @@
-#include "app/Pages.h"
+#include "app/SweepPage.h"
+
 #include "core/ByteFormat.h"
 
 #include <QHBoxLayout>
@@ -19,20 +20,9 @@ const QColor mutedInk(0x5b, 0x64, 0x70);
 const QColor line(0xe0, 0xe4, 0xea);
 const QColor success(0x1f, 0x7a, 0x3d);
 constexpr int tileHeight = 124;
-
-QString toQ(std::string_view text) {
-    return QString::fromUtf8(text.data(), static_cast<qsizetype>(text.size()));
-}
+constexpr int twoColumnsFrom = 560; // pixels of width; narrower views stack the tiles
 
 } // namespace
-
-QString durationText(double seconds) {
-    if (seconds < 60) {
-        return QString::number(seconds, 'f', 1) + QStringLiteral(" s");
-    }
-    auto whole = static_cast<long>(std::lround(seconds));
-    return QStringLiteral("%1 min %2 s").arg(whole / 60).arg(whole % 60, 2, 10, QLatin1Char('0'));
-}
 
 // ---------------------------------------------------------------------------------------------
 // TileDelegate and TileView
@@ -52,6 +42,13 @@ void TileDelegate::paint(QPainter* painter, const QStyleOptionViewItem& option,
     painter->fillPath(shape, ticked ? QColor(0xf3, 0xf7, 0xff) : QColor(Qt::white));
     painter->setPen(QPen(ticked ? accent : line, ticked ? 2 : 1));
     painter->drawPath(shape);
+    if (option.state.testFlag(QStyle::State_HasFocus)) {
+        // The keyboard's place among the tiles: a ring just outside the card.
+        QPainterPath ring;
+        ring.addRoundedRect(card.adjusted(-3, -3, 3, 3), 14, 14);
+        painter->setPen(QPen(accent, 2, Qt::DashLine));
+        painter->drawPath(ring);
+    }
 
     QRectF inner = card.adjusted(16, 14, -16, -12);
     qreal left = inner.left();
@@ -162,7 +159,8 @@ TileView::TileView(QWidget* parent) : QListView(parent) {
     setSelectionMode(QAbstractItemView::NoSelection);
     setFrameShape(QFrame::NoFrame);
     setStyleSheet(QStringLiteral("QListView { background: transparent; border: none; }"));
-    // Three rows of two always fit: a scroll bar coming and going would reflow the columns.
+    // The view is always as tall as its tiles, so a scroll bar never comes and goes to reflow
+    // the columns; the screen scrolls instead.
     setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
     setVerticalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
     setMouseTracking(true);
@@ -171,8 +169,10 @@ TileView::TileView(QWidget* parent) : QListView(parent) {
 
 void TileView::resizeEvent(QResizeEvent* event) {
     int width = viewport()->width();
-    int columns = width >= 640 ? 2 : 1;
+    int columns = width >= twoColumnsFrom ? 2 : 1;
+    int rows = (static_cast<int>(allTileKinds.size()) + columns - 1) / columns;
     setGridSize(QSize((width - 1) / columns, tileHeight));
+    setFixedHeight(rows * tileHeight + 4);
     QListView::resizeEvent(event);
 }
 
@@ -232,8 +232,7 @@ SweepPage::SweepPage(JournalStore& journal, QWidget* parent) : QWidget(parent), 
     layout->addWidget(banner_);
 
     auto* bottom = new QHBoxLayout;
-    auto* recheck = new QLabel(toQ(sweepRecheckText));
-    recheck->setObjectName(QStringLiteral("muted"));
+    QLabel* recheck = paragraph(toQ(sweepRecheckText), "muted");
     finished_ = new QLabel;
     finished_->setObjectName(QStringLiteral("muted"));
     auto* notes = new QVBoxLayout;
@@ -246,6 +245,8 @@ SweepPage::SweepPage(JournalStore& journal, QWidget* parent) : QWidget(parent), 
     bottom->addWidget(reclaim_, 0, Qt::AlignVCenter);
     layout->addLayout(bottom);
 
+    // Return takes the next step: move what is ticked once a Sweep found it, else sweep.
+    pressOnReturn(this, [this] { return reclaim_->isEnabled() ? reclaim_ : sweep_; });
     connect(sweep_, &QPushButton::clicked, this, &SweepPage::startSweep);
     connect(reclaim_, &QPushButton::clicked, this, &SweepPage::reclaimSelected);
     connect(putBack_, &QPushButton::clicked, this, &SweepPage::putBackLast);

@@ -11,6 +11,7 @@
 #include <QFileInfo>
 #include <QHBoxLayout>
 #include <QHeaderView>
+#include <QKeyEvent>
 #include <QMessageBox>
 #include <QPalette>
 #include <QStyle>
@@ -62,7 +63,7 @@ QTreeView, QListView { background: #ffffff; border: 1px solid #e0e4ea; border-ra
                        alternate-background-color: #fafbfc; }
 QTreeView::item:selected, QListView::item:selected { background: #e3ebfc; color: #1f2328; }
 QHeaderView::section { background: #ffffff; border: none; border-bottom: 1px solid #e6e9ee;
-                       padding: 6px 8px; color: #5b6470; font-weight: 600; }
+                       padding: 6px 4px; color: #5b6470; font-weight: 600; }
 QComboBox { background: #ffffff; border: 1px solid #cfd5dd; border-radius: 7px;
             padding: 4px 10px; min-height: 20px; }
 QComboBox::drop-down { border: none; width: 26px; }
@@ -87,6 +88,14 @@ QTreeView::indicator:checked:disabled, QTreeView::indicator:indeterminate:disabl
 #bannerDetail { color: #4b5563; }
 #card { background: #ffffff; border: 1px solid #e0e4ea; border-radius: 12px; }
 QToolTip { background: #1f2328; color: #ffffff; border: none; padding: 4px 8px; }
+QPushButton:focus { border: 2px solid #2563eb; padding: 5px 15px; }
+QPushButton[primary="true"]:focus { border: 2px solid #0b2f86; }
+QPushButton[link="true"]:focus { border: 1px dashed #1f55c9; padding: 1px 3px; }
+QTreeView:focus, QListView:focus { border: 2px solid #2563eb; }
+QComboBox:focus { border: 2px solid #2563eb; padding: 3px 9px; }
+QCheckBox:focus { color: #1742a8; }
+QCheckBox::indicator:focus { border: 2px solid #2563eb; }
+#sidebar QListWidget::item:focus { border: 2px solid #2563eb; }
 )";
 
 } // namespace
@@ -112,10 +121,17 @@ QString revealText() {
                              static_cast<qsizetype>(platform::revealActionText().size()));
 }
 
+FileManagerNotices& FileManagerNotices::instance() {
+    static FileManagerNotices notices;
+    return notices;
+}
+
 void showInFiles(const QString& path) {
     QString folder = QFileInfo(path).absolutePath();
-    auto openFolder = [folder] {
-        QDesktopServices::openUrl(QUrl::fromLocalFile(folder));
+    auto openFolder = [folder, path] {
+        if (!QDesktopServices::openUrl(QUrl::fromLocalFile(folder))) {
+            emit FileManagerNotices::instance().unanswered(path);
+        }
     };
     QDBusConnection bus = QDBusConnection::sessionBus();
     if (!bus.isConnected()) {
@@ -136,6 +152,65 @@ void showInFiles(const QString& path) {
                          }
                          w->deleteLater();
                      });
+}
+
+namespace {
+
+bool isPlainReturn(QEvent* event) {
+    if (event->type() != QEvent::KeyPress) {
+        return false;
+    }
+    auto* key = static_cast<QKeyEvent*>(event);
+    return (key->key() == Qt::Key_Return || key->key() == Qt::Key_Enter) &&
+           (key->modifiers() & ~Qt::KeypadModifier) == Qt::NoModifier;
+}
+
+bool press(QPushButton* button) {
+    if (button == nullptr || !button->isVisible() || !button->isEnabled()) {
+        return false;
+    }
+    button->click();
+    return true;
+}
+
+// Sees Return only when the focused widget left it unused, because filters on a parent hear a
+// key after the widgets inside it.
+class DefaultButtonPresser : public QObject {
+public:
+    DefaultButtonPresser(QWidget* page, std::function<QPushButton*()> button)
+        : QObject(page), button_(std::move(button)) {}
+
+protected:
+    bool eventFilter(QObject*, QEvent* event) override {
+        // A focused button is the one Return means; the window presses it.
+        return isPlainReturn(event) &&
+               qobject_cast<QPushButton*>(QApplication::focusWidget()) == nullptr &&
+               press(button_());
+    }
+
+private:
+    std::function<QPushButton*()> button_;
+};
+
+class FocusedButtonPresser : public QObject {
+public:
+    using QObject::QObject;
+
+protected:
+    bool eventFilter(QObject*, QEvent* event) override {
+        return isPlainReturn(event) &&
+               press(qobject_cast<QPushButton*>(QApplication::focusWidget()));
+    }
+};
+
+} // namespace
+
+void pressOnReturn(QWidget* page, std::function<QPushButton*()> button) {
+    page->installEventFilter(new DefaultButtonPresser(page, std::move(button)));
+}
+
+void returnPressesFocusedButtons(QWidget* area) {
+    area->installEventFilter(new FocusedButtonPresser(area));
 }
 
 bool confirm(QWidget* parent, const QString& title, const QString& text, const QString& acceptText,
@@ -178,26 +253,13 @@ QSize RoomyDelegate::sizeHint(const QStyleOptionViewItem& option, const QModelIn
     return {size.width(), std::max(size.height(), rowHeight_)};
 }
 
-QSize WrappingDelegate::sizeHint(const QStyleOptionViewItem& option,
-                                 const QModelIndex& index) const {
-    QSize size = RoomyDelegate::sizeHint(option, index);
-    auto* tree = qobject_cast<QTreeView*>(view_);
-    int width = tree != nullptr ? tree->header()->sectionSize(index.column()) : option.rect.width();
-    QString text = index.data().toString();
-    if (width <= 16 || text.isEmpty()) {
-        return size;
+QLabel* paragraph(const QString& text, const char* objectName) {
+    auto* label = new QLabel(text);
+    label->setWordWrap(true);
+    if (objectName != nullptr) {
+        label->setObjectName(QString::fromLatin1(objectName));
     }
-    QRect bounds =
-        option.fontMetrics.boundingRect(QRect(0, 0, width - 12, 10000), Qt::TextWordWrap, text);
-    return {size.width(), std::max(size.height(), bounds.height() + 12)};
-}
-
-void WrappingDelegate::paint(QPainter* painter, const QStyleOptionViewItem& option,
-                             const QModelIndex& index) const {
-    QStyleOptionViewItem wrapped = option;
-    wrapped.features |= QStyleOptionViewItem::WrapText;
-    wrapped.textElideMode = Qt::ElideNone;
-    RoomyDelegate::paint(painter, wrapped, index);
+    return label;
 }
 
 QLabel* sectionLabel(const QString& text) {

@@ -8,6 +8,7 @@
 #include <QString>
 #include <QStyledItemDelegate>
 #include <QWidget>
+#include <functional>
 
 class QApplication;
 class QVBoxLayout;
@@ -18,8 +19,27 @@ namespace sd::app {
 void applyStyle(QApplication& app);
 
 // Opens the file manager with `path` selected: org.freedesktop.FileManager1.ShowItems over the
-// session bus, else the folder that holds it.
+// session bus, else the folder that holds it. When neither answers, FileManagerNotices says so.
 void showInFiles(const QString& path);
+
+// Where the window hears that no file manager answered "Show in Files", to tell the person
+// instead of failing silently.
+class FileManagerNotices : public QObject {
+    Q_OBJECT
+
+public:
+    static FileManagerNotices& instance();
+
+signals:
+    void unanswered(const QString& path);
+};
+
+// Return or Enter that nothing focused took presses the screen's default button, `button()`,
+// when it is shown and enabled.
+void pressOnReturn(QWidget* page, std::function<QPushButton*()> button);
+// Return or Enter on a focused push button anywhere in `area` presses that button, as in a
+// dialog.
+void returnPressesFocusedButtons(QWidget* area);
 // "Show in Files" on Linux: the platform's word for revealing an item.
 QString revealText();
 
@@ -30,6 +50,8 @@ bool confirm(QWidget* parent, const QString& title, const QString& text, const Q
 // The title, the one-line explanation under it and a place for the screen's content.
 QVBoxLayout* pageLayout(QWidget* page, const QString& title, const QString& explanation);
 QLabel* sectionLabel(const QString& text);
+// A label that wraps, styled by `objectName` ("muted", …) when one is given.
+QLabel* paragraph(const QString& text, const char* objectName = nullptr);
 
 // Rows tall enough to read and to hit with a pointer, whatever a cell holds.
 class RoomyDelegate : public QStyledItemDelegate {
@@ -42,21 +64,6 @@ public:
 
 private:
     int rowHeight_;
-};
-
-// A column whose sentences wrap onto as many lines as its width needs, so none is cut short.
-class WrappingDelegate : public RoomyDelegate {
-    Q_OBJECT
-
-public:
-    WrappingDelegate(QAbstractItemView* view, int rowHeight)
-        : RoomyDelegate(rowHeight, view), view_(view) {}
-    QSize sizeHint(const QStyleOptionViewItem& option, const QModelIndex& index) const override;
-    void paint(QPainter* painter, const QStyleOptionViewItem& option,
-               const QModelIndex& index) const override;
-
-private:
-    QAbstractItemView* view_;
 };
 
 // A button label that shows an ampersand as itself rather than as a shortcut marker.

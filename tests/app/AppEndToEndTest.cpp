@@ -1,16 +1,23 @@
 #include "AppTestMain.h"
 #include "Fixture.h"
 #include "app/MainWindow.h"
-#include "app/ReviewPages.h"
+#include "app/Pages.h"
 #include "app/SpaceMapPage.h"
 #include "app/Widgets.h"
 
 #include <QApplication>
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
 #include <QDir>
+#include <QFileDialog>
+#include <QLineEdit>
 #include <QMessageBox>
+#include <QScopeGuard>
+#include <QScrollBar>
 #include <QTest>
 #include <QTimer>
 #include <filesystem>
+#include <map>
 
 namespace sd::app {
 namespace {
@@ -65,6 +72,42 @@ private:
         QTest::mouseClick(view->viewport(), Qt::LeftButton, {}, rect.center());
     }
 
+    // Presses a key where the keyboard's focus is, as a person would.
+    static void press(Qt::Key key, Qt::KeyboardModifiers modifiers = Qt::NoModifier) {
+        QWidget* focused = QApplication::focusWidget();
+        QVERIFY(focused != nullptr);
+        QTest::keyClick(focused, key, modifiers);
+    }
+
+    // Tabs forward until `target` has the keyboard's focus.
+    static void tabTo(QWidget* target) {
+        for (int i = 0; i < 40 && QApplication::focusWidget() != target; ++i) {
+            press(Qt::Key_Tab);
+        }
+        QCOMPARE(QApplication::focusWidget(), target);
+    }
+
+    // The colour of every wedge on the map, by path.
+    static std::map<QString, QColor> wedgeColours(const SunburstView* view,
+                                                  const QAbstractItemModel& model) {
+        std::map<QString, QColor> colours;
+        std::vector<QModelIndex> pending{view->rootIndex()};
+        while (!pending.empty()) {
+            QModelIndex at = pending.back();
+            pending.pop_back();
+            for (int r = 0; r < model.rowCount(at); ++r) {
+                QModelIndex child = model.index(r, 0, at);
+                if (std::optional<QColor> c = view->colourOf(child)) {
+                    if (!child.data(isOtherRole).toBool()) {
+                        colours[child.data(pathRole).toString()] = *c;
+                    }
+                    pending.push_back(child);
+                }
+            }
+        }
+        return colours;
+    }
+
     std::vector<std::string> cacheFolders(const std::set<std::string>& targets) const {
         std::vector<std::string> out;
         for (const test::FixtureCache& c : test::fixtureCaches()) {
@@ -106,6 +149,128 @@ private slots:
         // Once seen, it stays away on the next start.
         MainWindow again;
         QVERIFY(!again.introductionShown());
+    }
+
+    void everyScreenByKeyboardAlone() {
+        window_->activateWindow();
+        QTRY_VERIFY(window_->isActiveWindow());
+        window_->sidebar()->setFocus();
+        using Screen = MainWindow::Screen;
+
+        // Sweep: Return sweeps; once tiles are ticked, Return asks to move them, and Escape
+        // answers the question without moving anything.
+        press(Qt::Key_1, Qt::ControlModifier);
+        QCOMPARE(window_->currentScreen(), Screen::sweep);
+        SweepPage* sweep = window_->sweepPage();
+        press(Qt::Key_Return);
+        QVERIFY(sweep->runner().isRunning());
+        QTRY_VERIFY_WITH_TIMEOUT(!sweep->runner().isRunning(), 60000);
+        QVERIFY(sweep->state().sweep != nullptr);
+        QVERIFY(!sweep->state().selection.empty());
+        std::string before = test::checksums(cacheFolders({"python_tools"}));
+        bool asked = false;
+        QTimer::singleShot(0, this, [&] {
+            QMessageBox* box = nullptr;
+            QTRY_VERIFY((box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget())));
+            auto closeAnyway = qScopeGuard([box] { box->reject(); });
+            // Xvfb has no window manager to hand a new window the keyboard.
+            box->activateWindow();
+            QTRY_VERIFY(box->isActiveWindow());
+            asked = true;
+            press(Qt::Key_Escape);
+            closeAnyway.dismiss();
+        });
+        press(Qt::Key_Return);
+        QVERIFY(asked);
+        // And back to the window, as a window manager would once the question closed.
+        window_->activateWindow();
+        QTRY_VERIFY(window_->isActiveWindow());
+        QVERIFY(!sweep->runner().isRunning());
+        QCOMPARE(test::checksums(cacheFolders({"python_tools"})), before);
+
+        // Cleanup: Return measures.
+        press(Qt::Key_2, Qt::ControlModifier);
+        QCOMPARE(window_->currentScreen(), Screen::cleanup);
+        press(Qt::Key_Return);
+        QTRY_VERIFY_WITH_TIMEOUT(window_->cleanupPage()->step() == CleanupPage::Step::scanned,
+                                 60000);
+
+        // Space Map: Ctrl+R scans; the arrows choose a wedge, Enter zooms in, Backspace out.
+        press(Qt::Key_3, Qt::ControlModifier);
+        QCOMPARE(window_->currentScreen(), Screen::spaceMap);
+        SpaceMapPage* map = window_->spaceMapPage();
+        press(Qt::Key_R, Qt::ControlModifier);
+        QVERIFY(map->runner().isRunning());
+        QTRY_VERIFY_WITH_TIMEOUT(!map->runner().isRunning(), 60000);
+        SunburstView* sunburst = map->sunburst();
+        tabTo(sunburst);
+        QModelIndex home = map->model().index(0, 0);
+        QCOMPARE(sunburst->rootIndex(), home);
+        press(Qt::Key_Down);
+        QModelIndex biggest = map->model().index(0, 0, home);
+        QCOMPARE(sunburst->selectedIndex(), biggest);
+        press(Qt::Key_Right);
+        QCOMPARE(sunburst->selectedIndex(), map->model().index(1, 0, home));
+        press(Qt::Key_Left);
+        QCOMPARE(sunburst->selectedIndex(), biggest);
+        press(Qt::Key_Enter);
+        QCOMPARE(sunburst->rootIndex(), biggest);
+        shoot("keyboard-space-map-zoomed");
+        press(Qt::Key_Backspace);
+        QCOMPARE(sunburst->rootIndex(), home);
+        // The folder just left stays chosen, so Return goes straight back in.
+        QCOMPARE(sunburst->selectedIndex(), biggest);
+        press(Qt::Key_Return);
+        QCOMPARE(sunburst->rootIndex(), biggest);
+        press(Qt::Key_Backspace);
+
+        // Apps has no screen yet: its number changes nothing.
+        press(Qt::Key_4, Qt::ControlModifier);
+        QCOMPARE(window_->currentScreen(), Screen::spaceMap);
+
+        // Worth a look: Ctrl+5 opens Large & old, and again Duplicates; Return searches each.
+        press(Qt::Key_5, Qt::ControlModifier);
+        QCOMPARE(window_->currentScreen(), Screen::largeOld);
+        press(Qt::Key_Return);
+        QTRY_VERIFY_WITH_TIMEOUT(!window_->largeOldPage()->runner().isRunning(), 60000);
+        QCOMPARE(window_->largeOldPage()->searchButton()->text(), QStringLiteral("Search Again"));
+        press(Qt::Key_5, Qt::ControlModifier);
+        QCOMPARE(window_->currentScreen(), Screen::duplicates);
+        press(Qt::Key_Return);
+        QTRY_VERIFY_WITH_TIMEOUT(!window_->duplicatesPage()->runner().isRunning(), 60000);
+        QCOMPARE(window_->duplicatesPage()->searchButton()->text(), QStringLiteral("Search Again"));
+        press(Qt::Key_5, Qt::ControlModifier);
+        QCOMPARE(window_->currentScreen(), Screen::largeOld);
+
+        // Activity, then Settings: Space switches a cache out of every Sweep and back in.
+        press(Qt::Key_6, Qt::ControlModifier);
+        QCOMPARE(window_->currentScreen(), Screen::activity);
+        press(Qt::Key_7, Qt::ControlModifier);
+        QCOMPARE(window_->currentScreen(), Screen::settings);
+        SettingsPage* settings = window_->settingsPage();
+        tabTo(settings->list());
+        QModelIndex first = settings->model().index(0, 0);
+        settings->list()->setCurrentIndex(first);
+        QCOMPARE(first.data(Qt::CheckStateRole).value<Qt::CheckState>(), Qt::Checked);
+        press(Qt::Key_Space);
+        QCOMPARE(first.data(Qt::CheckStateRole).value<Qt::CheckState>(), Qt::Unchecked);
+        press(Qt::Key_Space);
+        QCOMPARE(first.data(Qt::CheckStateRole).value<Qt::CheckState>(), Qt::Checked);
+
+        // Return on a focused button presses that button: the introduction comes back, and
+        // Return leaves it again.
+        tabTo(settings->introductionButton());
+        press(Qt::Key_Return);
+        QVERIFY(window_->introductionShown());
+        QCOMPARE(window_->currentScreen(), std::nullopt);
+        press(Qt::Key_Return);
+        QVERIFY(!window_->introductionShown());
+
+        // The sidebar moves between screens with the arrows too.
+        window_->showScreen(Screen::sweep);
+        window_->sidebar()->setFocus();
+        press(Qt::Key_Down);
+        QCOMPARE(window_->currentScreen(), Screen::cleanup);
     }
 
     void spaceMapScansHoversAndZooms() {
@@ -151,6 +316,121 @@ private slots:
         shoot("space-map-zoomed");
         QTest::mouseClick(sunburst, Qt::LeftButton, {}, sunburst->rect().center());
         QCOMPARE(sunburst->rootIndex(), page->model().index(0, 0));
+        // The mouse's back button goes back out too, from the list as well as the map.
+        QTest::mouseClick(sunburst, Qt::LeftButton, {}, at->toPoint());
+        QCOMPARE(sunburst->rootIndex(), cache);
+        QTest::mouseClick(page->list()->viewport(), Qt::BackButton);
+        QCOMPARE(sunburst->rootIndex(), page->model().index(0, 0));
+    }
+
+    void spaceMapNamesWedgesAndKeepsColours() {
+        window_->showScreen(MainWindow::Screen::spaceMap);
+        SpaceMapPage* page = window_->spaceMapPage();
+        SunburstView* sunburst = page->sunburst();
+        QModelIndex home = page->model().index(0, 0);
+        sunburst->setRootIndex(home);
+
+        // The biggest folders are named on their wedges, in full.
+        std::map<QString, QString> named;
+        for (const SunburstView::Label& label : sunburst->labels()) {
+            named[label.index.data(pathRole).toString()] = label.text;
+        }
+        const std::string& h = test::fixtureHome();
+        for (const std::string& folder : {h + "/.cache", h + "/.config", h + "/.cache/pip",
+                                          h + "/.cache/google-chrome", h + "/.cache/huggingface"}) {
+            QString path = QString::fromStdString(folder);
+            QVERIFY2(named.count(path) != 0, qPrintable(path));
+            QCOMPARE(named[path], QString::fromStdString(folder.substr(folder.rfind('/') + 1)));
+        }
+
+        // Caches the Sweep measures are marked on the map and in the list; their parents not.
+        QModelIndex pip = page->model().indexOfPath(h + "/.cache/pip");
+        QVERIFY(!pip.data(knownCacheRole).toString().isEmpty());
+        QVERIFY(page->model().indexOfPath(h + "/.cache").data(knownCacheRole).toString().isEmpty());
+
+        // Zooming in and back out keeps the colour of every folder still on the map.
+        std::map<QString, QColor> atHome = wedgeColours(sunburst, page->model());
+        QModelIndex cache = page->model().indexOfPath(h + "/.cache");
+        sunburst->select(cache);
+        QVERIFY(sunburst->zoomIn());
+        std::map<QString, QColor> inCache = wedgeColours(sunburst, page->model());
+        QVERIFY(inCache.size() > 3);
+        int shared = 0;
+        for (const auto& [path, colour] : inCache) {
+            if (atHome.count(path) != 0) {
+                QCOMPARE(colour, atHome[path]);
+                ++shared;
+            }
+        }
+        QVERIFY(shared >= 3);
+        // Deeper folders come into view with the colours the list shows for them.
+        for (const auto& [path, colour] : inCache) {
+            QCOMPARE(page->model().indexOfPath(path.toStdString()).data(colourRole).value<QColor>(),
+                     colour);
+        }
+        shoot("space-map-zoomed-labels");
+        QVERIFY(sunburst->zoomOut());
+        QCOMPARE(wedgeColours(sunburst, page->model()), atHome);
+    }
+
+    void spaceMapMapsAFolderChosenWithThePicker() {
+        window_->showScreen(MainWindow::Screen::spaceMap);
+        SpaceMapPage* page = window_->spaceMapPage();
+        const std::string& h = test::fixtureHome();
+        std::string chosen = h + "/.cache";
+
+        // The picker is a dialog of its own: type the folder and press Return.
+        QTest::mouseClick(page->chooseFolderButton(), Qt::LeftButton);
+        QFileDialog* dialog = nullptr;
+        QTRY_VERIFY((dialog = qobject_cast<QFileDialog*>(QApplication::activeModalWidget())));
+        shoot("space-map-picker");
+        auto* name = dialog->findChild<QLineEdit*>(QStringLiteral("fileNameEdit"));
+        QVERIFY(name != nullptr);
+        name->setFocus();
+        name->clear();
+        QTest::keyClicks(name, QString::fromStdString(chosen));
+        QTest::keyClick(name, Qt::Key_Return);
+        QTRY_VERIFY(!dialog->isVisible());
+        QCOMPARE(page->root(), chosen);
+        QTRY_VERIFY_WITH_TIMEOUT(!page->runner().isRunning(), 60000);
+        QCOMPARE(page->state().tree()->root.path, chosen);
+        QVERIFY(page->statusText().startsWith("~/.cache — "));
+        QVERIFY(page->model().indexOfPath(h + "/.npm").data(pathRole).toString().isEmpty());
+        shoot("space-map-folder");
+
+        // A folder outside the home is refused with a sentence, and the map stays as it was.
+        page->mapFolder("/usr");
+        QVERIFY(!page->runner().isRunning());
+        QCOMPARE(page->root(), chosen);
+        auto* banner = page->findChild<Banner*>();
+        QVERIFY(banner->text().contains("outside your home folder"));
+
+        page->mapFolder(h);
+        QTRY_VERIFY_WITH_TIMEOUT(!page->runner().isRunning(), 60000);
+        QCOMPARE(page->state().tree()->root.path, h);
+    }
+
+    void showInFilesSaysWhenNoFileManagerAnswers() {
+        QDBusConnection bus = QDBusConnection::sessionBus();
+        if (bus.isConnected() &&
+            bus.interface()->isServiceRegistered(QStringLiteral("org.freedesktop.FileManager1"))) {
+            QSKIP("A file manager answers on this session bus, so there is no silence to report.");
+        }
+        // No file manager, and no opener on PATH to fall back on.
+        QByteArray path = qgetenv("PATH");
+        qputenv("PATH", QByteArray::fromStdString(test::freshFolder("empty-path")));
+        window_->showScreen(MainWindow::Screen::spaceMap);
+        SpaceMapPage* page = window_->spaceMapPage();
+        page->sunburst()->select(page->model().indexOfPath(test::fixtureHome() + "/.cache"));
+        QTest::mouseClick(page->revealButton(), Qt::LeftButton);
+        QTRY_VERIFY(window_->notice()->isVisible());
+        qputenv("PATH", path);
+        QVERIFY(window_->notice()->text().startsWith("No file manager answered"));
+        QVERIFY(window_->notice()->detail().contains("~/.cache"));
+        shoot("show-in-files-unanswered");
+        // The news goes with the screen it was about.
+        window_->showScreen(MainWindow::Screen::sweep);
+        QVERIFY(!window_->notice()->isVisible());
     }
 
     void sweepReclaimAndPutBack() {
@@ -175,7 +455,9 @@ private slots:
             QVERIFY(page->runner().isRunning());
 #ifdef SPARROWDECK_TEST_HOOKS
             QTRY_VERIFY(pause.reached());
-            QTest::qWait(400);
+            // The picture waits for the first progress the window shows.
+            auto* strip = page->findChild<ProgressStrip*>();
+            QTRY_VERIFY(strip->message().startsWith("Measuring"));
             QVERIFY(page->sweepButton()->isEnabled() == false);
             shoot("sweep-running");
             pause.release();
@@ -343,7 +625,7 @@ private slots:
             " && git -C Projects/site -c user.name=t -c user.email=t@example.org commit -qm x");
         std::string sums = test::checksums({h + "/Documents"});
         window_->showScreen(MainWindow::Screen::duplicates);
-        ReviewPage* page = window_->duplicatesPage();
+        DuplicatesPage* page = window_->duplicatesPage();
         QTest::mouseClick(page->searchButton(), Qt::LeftButton);
         QTRY_VERIFY_WITH_TIMEOUT(!page->runner().isRunning(), 60000);
         QAbstractItemModel& model = page->model();
@@ -407,8 +689,8 @@ private slots:
         LargeOldOptions options;
         options.now = std::chrono::system_clock::now() + std::chrono::hours(24 * 500);
         window_->showScreen(MainWindow::Screen::largeOld);
-        ReviewPage* page = window_->largeOldPage();
-        page->setLargeOldOptions(options);
+        LargeOldPage* page = window_->largeOldPage();
+        page->setOptions(options);
         QTest::mouseClick(page->searchButton(), Qt::LeftButton);
         QTRY_VERIFY_WITH_TIMEOUT(!page->runner().isRunning(), 60000);
         QAbstractItemModel& model = page->model();
@@ -435,6 +717,49 @@ private slots:
         shoot("settings");
         window_->showScreen(MainWindow::Screen::activity);
         shoot("activity-after");
+    }
+
+    void everyScreenFitsTheSmallestWindowAndALargeOne() {
+        struct Shown {
+            MainWindow::Screen screen;
+            const char* name;
+        };
+        using Screen = MainWindow::Screen;
+        const Shown screens[] = {
+            {Screen::sweep, "sweep"},           {Screen::cleanup, "cleanup"},
+            {Screen::spaceMap, "space-map"},    {Screen::largeOld, "large-old"},
+            {Screen::duplicates, "duplicates"}, {Screen::activity, "activity"},
+            {Screen::settings, "settings"}};
+        // A fresh map for the pictures: put-backs since the last scan are not on it.
+        window_->showScreen(Screen::spaceMap);
+        window_->rescan();
+        QVERIFY(window_->spaceMapPage()->runner().isRunning());
+        QTRY_VERIFY_WITH_TIMEOUT(!window_->spaceMapPage()->runner().isRunning(), 60000);
+        for (QSize size : {QSize(900, 600), QSize(1440, 900)}) {
+            window_->resize(size);
+            QTRY_COMPARE(window_->size(), size);
+            QString suffix = QStringLiteral("-%1x%2").arg(size.width()).arg(size.height());
+            window_->showIntroduction();
+            shoot(QStringLiteral("onboarding") + suffix);
+            for (const Shown& s : screens) {
+                window_->showScreen(s.screen);
+                QApplication::processEvents();
+                // Screens scroll up and down when they must, never sideways.
+                QScrollArea* frame = window_->frameOf(s.screen);
+                QVERIFY(frame != nullptr && frame->isVisible());
+                QVERIFY2(frame->horizontalScrollBar()->maximum() == 0, s.name);
+                shoot(QString::fromLatin1(s.name) + suffix);
+            }
+            // Every Sweep tile is inside the view, none under what follows it.
+            window_->showScreen(Screen::sweep);
+            QApplication::processEvents();
+            TileView* tiles = window_->sweepPage()->tileView();
+            for (int row = 0; row < tiles->model()->rowCount(); ++row) {
+                QRect tile = tiles->visualRect(tiles->model()->index(row, 0));
+                QVERIFY2(tiles->viewport()->rect().contains(tile), qPrintable(suffix));
+            }
+        }
+        window_->resize(1240, 820);
     }
 
     void cleanupTestCase() {

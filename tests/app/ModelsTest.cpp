@@ -2,9 +2,12 @@
 
 #include "AppTestMain.h"
 #include "Fixture.h"
-#include "app/ReviewPages.h"
+#include "app/DuplicatesModel.h"
+#include "app/KnownCaches.h"
+#include "app/LargeOldModel.h"
 #include "app/SpaceMapPage.h"
 #include "app/Workers.h"
+#include "core/PathRules.h"
 
 #include <QAbstractItemModelTester>
 #include <QTest>
@@ -16,6 +19,33 @@ namespace {
 
 QString q(std::string_view text) {
     return QString::fromUtf8(text.data(), static_cast<qsizetype>(text.size()));
+}
+
+// Each header lines up the way the cells below it do: numbers to the right, words to the left.
+// Qt centres a header that says nothing, so a missing alignment shows up here.
+void headersSitOverTheirCells(const QAbstractItemModel& model, const QModelIndex& row) {
+    constexpr Qt::Alignment horizontal = Qt::AlignHorizontal_Mask;
+    for (int c = 0; c < model.columnCount(row.parent()); ++c) {
+        QVariant cell = row.siblingAtColumn(c).data(Qt::TextAlignmentRole);
+        QVariant header = model.headerData(c, Qt::Horizontal, Qt::TextAlignmentRole);
+        Qt::Alignment cellSide =
+            cell.isValid() ? cell.value<Qt::Alignment>() & horizontal : Qt::AlignLeft;
+        Qt::Alignment headerSide =
+            header.isValid() ? header.value<Qt::Alignment>() & horizontal : Qt::AlignHCenter;
+        QVERIFY2(cellSide == headerSide, qPrintable(model.headerData(c, Qt::Horizontal).toString() +
+                                                    " in " + model.metaObject()->className()));
+    }
+}
+
+SpaceNode spaceNode(std::string path, std::uint64_t bytes, std::vector<SpaceNode> children = {},
+                    SpaceNode::Kind kind = SpaceNode::Kind::directory) {
+    SpaceNode n;
+    n.name = path.substr(path.rfind('/') + 1);
+    n.path = std::move(path);
+    n.bytes = bytes;
+    n.kind = kind;
+    n.children = std::move(children);
+    return n;
 }
 
 class ModelsTest : public QObject {
@@ -166,6 +196,7 @@ private slots:
             QCOMPARE(filter.index(r, 0).data(riskRole).toInt(), static_cast<int>(RiskLevel::safe));
         }
         QVERIFY(filter.rowCount() > 0 && filter.rowCount() < model.rowCount());
+        headersSitOverTheirCells(model, browser);
     }
 
     void activityListsNewestFirstWithItemsBelow() {
@@ -226,6 +257,7 @@ private slots:
         // Where an item is now: in the Trash until it went back.
         QCOMPARE(model.index(0, 0, sweep).data(pathRole).toString(), QStringLiteral("/t/h/a"));
         QCOMPARE(model.index(1, 0, sweep).data(pathRole).toString(), QStringLiteral("/h/b"));
+        headersSitOverTheirCells(model, model.index(0, 0));
     }
 
     void sweepTargetsLeaveOutAndBringBack() {
@@ -307,6 +339,16 @@ private slots:
         QVERIFY(!model.index(1, 0, top).flags().testFlag(Qt::ItemIsUserCheckable));
         QCOMPARE(model.index(1, DuplicatesModel::noteColumn, top).data().toString(),
                  QStringLiteral("In the Trash"));
+
+        // One line a row: a note cut short carries its whole sentence in the tooltip and says so
+        // with an icon.
+        QModelIndex denied = model.index(3, DuplicatesModel::noteColumn, top);
+        QVERIFY(!denied.data(Qt::DecorationRole).value<QIcon>().isNull());
+        QVERIFY(denied.data(Qt::ToolTipRole).toString().size() > denied.data().toString().size());
+        QVERIFY(
+            !model.index(2, DuplicatesModel::noteColumn, top).data(Qt::DecorationRole).isValid());
+        headersSitOverTheirCells(model, top);
+        headersSitOverTheirCells(model, model.index(0, 0, top));
     }
 
     void largeOldRowsShowTheirEvidence() {
@@ -340,6 +382,14 @@ private slots:
                  q(denyText(VaultDenyReason::protectedUserDir)));
         QVERIFY(model.setData(model.index(0, 0), Qt::Checked, Qt::CheckStateRole));
         QCOMPARE(state.ticked, std::set<std::string>{video.path});
+        // The denied note and the approximate date are marked, their sentences in tooltips.
+        for (QModelIndex marked : {model.index(1, LargeOldModel::noteColumn),
+                                   model.index(0, LargeOldModel::openedColumn)}) {
+            QVERIFY(!marked.data(Qt::DecorationRole).value<QIcon>().isNull());
+            QVERIFY(!marked.data(Qt::ToolTipRole).toString().isEmpty());
+        }
+        QVERIFY(!model.index(1, LargeOldModel::openedColumn).data(Qt::DecorationRole).isValid());
+        headersSitOverTheirCells(model, model.index(0, 0));
     }
 
     void spaceTreeRowsPointAtTheTreeAndItsOtherShares() {
@@ -397,6 +447,156 @@ private slots:
         QCOMPARE(model.rowCount(projects), 1); // only its "other" share is left
         QCOMPARE(model.index(0, 0).data(bytesRole).value<quint64>(), 40u);
         QVERIFY(state.isStale());
+    }
+
+    void knownCachesAreTheSweepsLocations() {
+        std::vector<Target> catalog = buildCatalog(DistributionMode::direct);
+        KnownCaches known(catalog);
+        auto title = [&](const char* id) {
+            return findTarget(catalog, id)->title;
+        };
+        const std::string& h = homeDirectory();
+        struct Case {
+            std::string path;
+            std::optional<std::string> target;
+        };
+        for (const Case& c : std::vector<Case>{
+                 {h + "/.cache/pip", title("python_tools")},
+                 {h + "/.npm/_cacache", title("javascript_tools")},
+                 {h + "/.cache/google-chrome", title("browser_caches")},
+                 // A pattern names the folders below its start, not the start itself.
+                 {h + "/.cache/mozilla/firefox/k3x9.default-release/cache2",
+                  title("browser_caches")},
+                 {h + "/.cache/mozilla/firefox", std::nullopt},
+                 {h + "/.cache/mozilla/firefox/k3x9.default-release", std::nullopt},
+                 // Folders that hold caches are not caches, nor are names that merely start alike.
+                 {h + "/.cache", std::nullopt},
+                 {h + "/.cache/pip-tools", std::nullopt},
+                 {h, std::nullopt},
+                 {h + "/Documents", std::nullopt},
+                 {"/usr/share", std::nullopt},
+             }) {
+            QCOMPARE(known.targetOf(c.path), c.target);
+        }
+        // Only what a Sweep tile holds: with no such target nothing is known.
+        std::vector<Target> none;
+        for (const Target& t : catalog) {
+            bool swept = std::any_of(allTileKinds.begin(), allTileKinds.end(),
+                                     [&](SweepTileKind k) { return tileHoldsTarget(k, t.id); });
+            if (!swept) {
+                none.push_back(t);
+            }
+        }
+        QVERIFY(KnownCaches(none).empty());
+    }
+
+    void spaceTreeColoursComeFromTheRoot() {
+        SpaceTree tree;
+        tree.root = spaceNode(
+            "/h", 100,
+            {spaceNode("/h/Projects", 50,
+                       {spaceNode("/h/Projects/app", 30), spaceNode("/h/Projects/site", 15),
+                        spaceNode("/h/Projects/notes.txt", 5, {}, SpaceNode::Kind::file)}),
+             spaceNode("/h/Videos", 30), spaceNode("/h/big.iso", 15, {}, SpaceNode::Kind::file)});
+        tree.root.otherBytes = 5;
+        tree.root.otherCount = 3;
+        SpaceMapState state;
+        state.replace(tree);
+        SpaceTreeModel model(state);
+        model.setKnownCaches(KnownCaches(buildCatalog(DistributionMode::direct)));
+        auto colour = [&](const char* path) {
+            return model.indexOfPath(path).data(colourRole).value<QColor>();
+        };
+        // Top-level folders have hues of their own; below them colours stay near the parent's.
+        QVERIFY(colour("/h/Projects") != colour("/h/Videos"));
+        QVERIFY(colour("/h/Projects/app") != colour("/h/Projects/site"));
+        auto hueDistance = [](QColor a, QColor b) {
+            int d = std::abs(a.hsvHue() - b.hsvHue());
+            return std::min(d, 360 - d);
+        };
+        QVERIFY(hueDistance(colour("/h/Projects/app"), colour("/h/Projects")) <= 20);
+        // Files are pale tints, so they read apart from folders.
+        for (const char* file : {"/h/Projects/notes.txt", "/h/big.iso"}) {
+            QVERIFY2(colour(file).hsvSaturationF() < 0.5 * colour("/h/Projects").hsvSaturationF(),
+                     file);
+        }
+        QModelIndex root = model.index(0, 0);
+        QModelIndex other = model.index(3, 0, root);
+        QVERIFY(other.data(isOtherRole).toBool());
+        QCOMPARE(other.data(colourRole).value<QColor>(), SpaceTreeModel::otherColour());
+        // The list shows the same colour as a swatch, and each row's share of its parent.
+        QModelIndex projects = model.indexOfPath("/h/Projects");
+        QCOMPARE(projects.data(Qt::DecorationRole).value<QColor>(), colour("/h/Projects"));
+        QCOMPARE(projects.siblingAtColumn(SpaceTreeModel::shareColumn).data().toString(),
+                 QStringLiteral("50%"));
+        QCOMPARE(model.indexOfPath("/h/Projects/app")
+                     .siblingAtColumn(SpaceTreeModel::shareColumn)
+                     .data()
+                     .toString(),
+                 QStringLiteral("60%"));
+        headersSitOverTheirCells(model, projects);
+
+        // A new tree with the same folders colours them the same way.
+        std::map<std::string, QColor> before;
+        for (const char* p : {"/h/Projects", "/h/Projects/app", "/h/Videos", "/h/big.iso"}) {
+            before[p] = colour(p);
+        }
+        model.beginChange();
+        state.replace(tree);
+        model.endChange();
+        for (const auto& [path, c] : before) {
+            QCOMPARE(colour(path.c_str()), c);
+        }
+
+        // On the map, a folder keeps its colour when the map zooms into its parent.
+        SunburstView view;
+        view.resize(500, 500);
+        view.setModel(&model);
+        std::optional<QColor> atTop = view.colourOf(model.indexOfPath("/h/Projects/app"));
+        QVERIFY(atTop.has_value());
+        projects = model.indexOfPath("/h/Projects");
+        view.select(projects);
+        QVERIFY(view.zoomIn());
+        QCOMPARE(view.colourOf(model.indexOfPath("/h/Projects/app")), atTop);
+        QCOMPARE(view.colourOf(model.indexOfPath("/h/Projects/app")), colour("/h/Projects/app"));
+    }
+
+    void wedgeLabelsFitAlongTheRingTheRadiusOrNotAtAll() {
+        QFont font;
+        font.setPixelSize(11);
+        QFontMetricsF metrics(font);
+        const QString name = QStringLiteral("Documents");
+        double w = metrics.horizontalAdvance(name);
+        double h = metrics.height();
+        auto degreesFor = [](double arc, double radius) {
+            return arc / radius * 180 / M_PI;
+        };
+        struct Case {
+            const char* what;
+            double inner, outer, span;
+            std::optional<bool> alongRing; // none: no label
+            bool whole;
+        };
+        const Case cases[] = {
+            {"a wide wedge", 100, 100 + 3 * h, 90, true, true},
+            {"a thick, narrow wedge", 100, 100 + w + 24, degreesFor(1.6 * h, 100), false, true},
+            {"a wedge with room for part of the name", 100, 100 + 2 * h, degreesFor(0.8 * w, 100),
+             true, false},
+            {"a sliver", 100, 100 + 3 * h, 0.5, std::nullopt, false},
+            {"a ring thinner than a line", 100, 100 + 0.8 * h, 90, std::nullopt, false},
+        };
+        for (const Case& c : cases) {
+            std::optional<LabelFit> fit = fitWedgeLabel(name, metrics, c.inner, c.outer, c.span);
+            QVERIFY2(fit.has_value() == c.alongRing.has_value(), c.what);
+            if (!fit) {
+                continue;
+            }
+            QVERIFY2(fit->alongRing == *c.alongRing, c.what);
+            QVERIFY2((fit->text == name) == c.whole, qPrintable(fit->text));
+            if (!c.whole) {
+                QVERIFY2(fit->text.endsWith(QChar(0x2026)), qPrintable(fit->text));
+            }
+        }
     }
 
     void sunburstWedgesAreAsWideAsTheirShare() {
