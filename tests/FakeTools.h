@@ -1,0 +1,21 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+// Small real executables that tests write and run as children: shell scripts standing in for
+// git, the AI tools, the snapshot tools and login shells.
+namespace sd::test {
+
+// Writes `script` to `path` and makes it executable. The file is closed before this returns,
+// so no other child can still hold it open for writing when it is started.
+void writeExecutable(const std::string& path, std::string_view script);
+
+// The lines of a file, without their line ends; empty when it does not exist.
+std::vector<std::string> readLines(const std::string& path);
+
+// The whole of a file; empty when it does not exist.
+std::string readText(const std::string& path);
+
+} // namespace sd::test
