@@ -39,7 +39,7 @@ std::string factLine(const Fact& fact) {
     if (fact.files) {
         parts.push_back(plural(*fact.files, "file", "files"));
     }
-    if (fact.folders) {
+    if (fact.folders && *fact.folders > 0) {
         parts.push_back(plural(*fact.folders, "folder", "folders"));
     }
     if (fact.changed) {
@@ -67,6 +67,12 @@ std::string AssistantFacts::text() const {
             out += "- " + factLine(fact) + "\n";
         }
     }
+    if (!alsoMeasured.empty()) {
+        out += "Also measured:\n";
+        for (const Fact& fact : alsoMeasured) {
+            out += "- " + factLine(fact) + "\n";
+        }
+    }
     for (const std::string& note : notes) {
         out += note + "\n";
     }
@@ -78,9 +84,11 @@ std::vector<std::uint64_t> AssistantFacts::byteFigures() const {
     if (about && about->bytes) {
         figures.push_back(*about->bytes);
     }
-    for (const Fact& fact : contents) {
-        if (fact.bytes) {
-            figures.push_back(*fact.bytes);
+    for (const std::vector<Fact>* list : {&contents, &alsoMeasured}) {
+        for (const Fact& fact : *list) {
+            if (fact.bytes) {
+                figures.push_back(*fact.bytes);
+            }
         }
     }
     return figures;

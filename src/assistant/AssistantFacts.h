@@ -26,6 +26,7 @@ struct AssistantFacts {
     std::string subject{};            // "The folder ~/Projects/old", "The Sweep tile Developer"
     std::optional<Fact> about{};      // the item itself
     std::vector<Fact> contents{};     // what is in it, biggest first
+    std::vector<Fact> alsoMeasured{}; // beside it: the last Sweep's tiles, say
     std::vector<std::string> notes{}; // Sparrowdeck's own sentences ("Comes back by itself.")
 
     std::string text() const;

@@ -32,6 +32,16 @@ bool progressVisible() {
 
 void runWithProgress(const std::function<void()>& work, const std::function<std::string()>& status,
                      CoreCancellationState& cancellation) {
+    runStoppable(
+        [&](std::stop_token stop) {
+            std::stop_callback forward(stop, [&] { cancellation.cancel(); });
+            work();
+        },
+        status);
+}
+
+void runStoppable(const std::function<void(std::stop_token)>& work,
+                  const std::function<std::string()>& status) {
     interrupted = 0;
     struct sigaction action {};
     action.sa_handler = &onInterrupt;
@@ -43,9 +53,10 @@ void runWithProgress(const std::function<void()>& work, const std::function<std:
     std::condition_variable done;
     bool finished = false;
     std::exception_ptr failure;
+    std::stop_source stop;
     std::jthread worker([&] {
         try {
-            work();
+            work(stop.get_token());
         } catch (...) {
             failure = std::current_exception();
         }
@@ -60,7 +71,7 @@ void runWithProgress(const std::function<void()>& work, const std::function<std:
     for (std::unique_lock guard(lock);
          !done.wait_for(guard, std::chrono::milliseconds(50), [&] { return finished; });) {
         if (interrupted != 0) {
-            cancellation.cancel();
+            stop.request_stop();
         }
         if (draw && ++tick % 4 == 0) {
             std::string line = status();

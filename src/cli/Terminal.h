@@ -5,6 +5,7 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <stop_token>
 #include <string>
 #include <thread>
 
@@ -20,5 +21,9 @@ bool progressVisible();
 // second from `status` (only on a terminal) and turns Ctrl-C into a Stop.
 void runWithProgress(const std::function<void()>& work, const std::function<std::string()>& status,
                      CoreCancellationState& cancellation);
+
+// The same for work that takes a stop token: Ctrl-C requests the stop.
+void runStoppable(const std::function<void(std::stop_token)>& work,
+                  const std::function<std::string()>& status);
 
 } // namespace sd::cli

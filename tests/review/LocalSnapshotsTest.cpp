@@ -21,70 +21,6 @@ namespace {
 
 using Strings = std::vector<std::string>;
 
-// tmutil's two commands over a file of snapshot names. A stamp listed in "refuse.txt" fails to
-// delete; one in "stubborn.txt" is reported deleted but stays listed; while "gate" exists (a
-// named pipe) each deletion first writes its stamp there, which the test reads.
-constexpr const char* fakeTmutil = R"SH(#!/bin/sh
-here=$(dirname "$0")
-printf '%s\n' "$*" >> "$here/calls.txt"
-case "$1" in
-listlocalsnapshots)
-  if [ -e "$here/list-fails" ]; then exit "$(cat "$here/list-fails")"; fi
-  echo "Snapshots for disk /:"
-  cat "$here/snapshots.txt"
-  ;;
-deletelocalsnapshots)
-  [ -p "$here/gate" ] && echo "$2" > "$here/gate"
-  [ -e "$here/relist-fails" ] && echo 75 > "$here/list-fails"
-  if grep -qx "$2" "$here/refuse.txt"; then
-    echo "Failed to delete local snapshot '$2'" >&2
-    echo "Error: The operation couldn't be completed. (Operation not permitted)" >&2
-    exit 70
-  fi
-  if ! grep -qx "$2" "$here/stubborn.txt"; then
-    grep -vx "com.apple.TimeMachine.$2.local" "$here/snapshots.txt" > "$here/next.txt"
-    mv "$here/next.txt" "$here/snapshots.txt"
-  fi
-  echo "Deleted local snapshot '$2'"
-  ;;
-esac
-)SH";
-
-// snapper's list and delete over a file of "CONFIG|NUMBER|DATE|USED|DESCRIPTION" lines, printed
-// as its --jsonout list prints them (number 0 is the live file system).
-constexpr const char* fakeSnapper = R"SH(#!/bin/sh
-here=$(dirname "$0")
-printf '%s\n' "$*" >> "$here/calls.txt"
-config=""
-command=""
-while [ $# -gt 0 ]; do
-  case "$1" in
-    --config|-c) config="$2"; shift 2 ;;
-    list|delete) command="$1"; shift; break ;;
-    *) shift ;;
-  esac
-done
-case "$command" in
-list)
-  if [ -e "$here/list-fails" ]; then echo "Failure (dbus fatal exception)." >&2; exit 1; fi
-  awk -F'|' '
-    { if (!($1 in rows)) { order[n++] = $1; rows[$1] = sprintf("{\"config\":\"%s\",\"number\":0,\"date\":\"\",\"used-space\":null,\"description\":\"current\"}", $1) }
-      rows[$1] = rows[$1] sprintf(",{\"config\":\"%s\",\"number\":%s,\"date\":\"%s\",\"used-space\":%s,\"description\":\"%s\"}", $1, $2, $3, $4, $5) }
-    END { printf "{"; for (i = 0; i < n; i++) printf "%s\"%s\":[%s]", (i ? "," : ""), order[i], rows[order[i]]; print "}" }
-  ' "$here/snapshots.txt"
-  ;;
-delete)
-  [ -p "$here/gate" ] && echo "$config:$1" > "$here/gate"
-  [ -e "$here/relist-fails" ] && touch "$here/list-fails"
-  if grep -qx "$config:$1" "$here/refuse.txt"; then echo "Snapshot '$1' not found." >&2; exit 1; fi
-  if ! grep -qx "$config:$1" "$here/stubborn.txt"; then
-    grep -v "^$config|$1|" "$here/snapshots.txt" > "$here/next.txt"
-    mv "$here/next.txt" "$here/snapshots.txt"
-  fi
-  ;;
-esac
-)SH";
-
 // One fake tool with its state, and the real tool object that runs it.
 struct FakeSnapshots {
     std::string folder;
@@ -101,7 +37,7 @@ struct FakeSnapshots {
 FakeSnapshots fakeTmutilWithThree() {
     FakeSnapshots fake{test::freshFolder("tmutil"), nullptr, "2024-05-01-101500",
                        "2024-05-02-101500", "2024-05-03-101500"};
-    test::writeExecutable(fake.folder + "/tmutil", fakeTmutil);
+    test::writeExecutable(fake.folder + "/tmutil", test::fakeTmutilScript);
     fake.put("snapshots.txt", "com.apple.TimeMachine.2024-05-01-101500.local\n"
                               "com.apple.TimeMachine.2024-05-02-101500.local\n"
                               "com.apple.TimeMachine.2024-05-03-101500.local\n");
@@ -113,7 +49,7 @@ FakeSnapshots fakeTmutilWithThree() {
 
 FakeSnapshots fakeSnapperWithThree() {
     FakeSnapshots fake{test::freshFolder("snapper"), nullptr, "home:1", "home:2", "root:7"};
-    test::writeExecutable(fake.folder + "/snapper", fakeSnapper);
+    test::writeExecutable(fake.folder + "/snapper", test::fakeSnapperScript);
     fake.put("snapshots.txt", "home|1|2024-05-01 10:15:00|16384|timeline\n"
                               "home|2|2024-05-02 10:15:00|null|\n"
                               "root|7|2024-05-03 10:15:00|1048576|pre-upgrade\n");
