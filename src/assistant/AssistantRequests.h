@@ -33,7 +33,7 @@ std::string systemPromptFor(AssistantTask task);
 std::string promptFor(const AssistantQuestion& question);
 
 // One reviewed item of a folder review.
-struct ReviewedItem {
+struct AnswerItem {
     std::string name{};
     std::string note{};
     std::string verdict{};
@@ -43,7 +43,7 @@ struct ReviewedItem {
 struct AssistantAnswer {
     std::string summary{}; // the headline sentence, or the whole answer
     std::vector<std::pair<std::string, std::string>> sections{}; // heading → text
-    std::vector<ReviewedItem> items{};                           // for a folder review
+    std::vector<AnswerItem> items{};                           // for a folder review
 };
 
 // Reads the tool's JSON answer for `task`. Empty when it does not have the schema's shape.

@@ -1,6 +1,10 @@
 #include "assistant/AssistantSubjects.h"
 
 #include "catalog/Catalog.h"
+#include "core/ByteFormat.h"
+#include "review/DuplicateComparer.h"
+#include "review/LargeOldFinder.h"
+#include "space/SpaceTree.h"
 #include "sweep/Sweep.h"
 
 #include <algorithm>
@@ -59,6 +63,78 @@ AssistantFacts factsForTarget(const Target& target, std::optional<std::uint64_t>
     if (target.riskTier == RiskTier::rebuildsInstantly) {
         facts.notes.emplace_back(comesBackNote);
     }
+    return facts;
+}
+
+AssistantFacts factsForSpaceNode(const SpaceNode& node, const std::string& home) {
+    const bool folder = node.kind == SpaceNode::Kind::directory;
+    AssistantFacts facts;
+    facts.subject = std::string(folder ? "The folder " : "The file ") + factName(node.path, home);
+    Fact about;
+    about.name = factName(node.path, home);
+    about.kind = folder ? "folder" : "file";
+    about.bytes = node.bytes;
+    if (folder) {
+        about.files = node.fileCount;
+    }
+    if (node.latestChange > 0) {
+        about.changed = node.latestChange;
+    }
+    facts.about = about;
+    for (const SpaceNode& child : node.children) {
+        Fact item;
+        item.name = child.name;
+        item.kind = child.kind == SpaceNode::Kind::directory ? "folder" : "file";
+        item.bytes = child.bytes;
+        if (child.kind == SpaceNode::Kind::directory) {
+            item.files = child.fileCount;
+        }
+        if (child.latestChange > 0) {
+            item.changed = child.latestChange;
+        }
+        facts.contents.push_back(std::move(item));
+    }
+    if (node.otherCount > 0) {
+        Fact rest;
+        rest.name = formatCount(node.otherCount) + " smaller items";
+        rest.kind = "together";
+        rest.bytes = node.otherBytes;
+        facts.contents.push_back(std::move(rest));
+    }
+    if (!node.isComplete) {
+        facts.notes.emplace_back("The scan stopped before it measured all of it.");
+    }
+    return facts;
+}
+
+AssistantFacts factsForLargeOldItem(const LargeOldItem& item, const std::string& home) {
+    AssistantFacts facts;
+    facts.subject = "The file " + factName(item.path, home);
+    Fact about;
+    about.name = factName(item.path, home);
+    about.kind = item.isPackage ? "package" : "file";
+    about.bytes = item.physicalBytes;
+    if (item.evidence.date > 0) {
+        about.opened = static_cast<std::int64_t>(item.evidence.date);
+    }
+    facts.about = about;
+    facts.notes.emplace_back("Sparrowdeck lists it because it is large and has not been opened "
+                             "for a long time.");
+    return facts;
+}
+
+AssistantFacts factsForDuplicateGroup(const DuplicateGroup& group, const std::string& home) {
+    AssistantFacts facts;
+    facts.subject = formatCount(group.files.size()) + " identical copies of one file";
+    for (const DuplicateFile& file : group.files) {
+        Fact copy;
+        copy.name = factName(file.path, home);
+        copy.kind = file.path == group.suggestedKeep ? "copy to keep" : "copy";
+        copy.bytes = file.physicalBytes;
+        copy.changed = file.changedSec;
+        facts.contents.push_back(std::move(copy));
+    }
+    facts.notes.emplace_back("Their contents are the same byte for byte.");
     return facts;
 }
 

@@ -109,7 +109,7 @@ json answerJson(const AssistantAnswer& answer) {
         sections[heading] = text;
     }
     json items = json::array();
-    for (const ReviewedItem& item : answer.items) {
+    for (const AnswerItem& item : answer.items) {
         items.push_back({{"name", item.name}, {"note", item.note}, {"verdict", item.verdict}});
     }
     return {{"summary", answer.summary}, {"sections", sections}, {"items", items}};
@@ -184,7 +184,7 @@ void explainOrAsk(const Options& options, AssistantQuestion question,
         for (const auto& [heading, text] : result.answer.sections) {
             std::printf("\n%s: %s\n", heading.c_str(), text.c_str());
         }
-        for (const ReviewedItem& item : result.answer.items) {
+        for (const AnswerItem& item : result.answer.items) {
             std::printf("\n  %s — %s (%s)\n", item.name.c_str(), item.note.c_str(),
                         item.verdict.c_str());
         }

@@ -49,6 +49,10 @@ FakeAssistantTool::FakeAssistantTool(IntelligenceProvider provider, const std::s
     setLoginStatus("", 1);
     setFeatures({});
     respond("", "", 0);
+    // A fake written where an earlier one stood starts with no request recorded.
+    for (const char* record : {"pwd.txt", "argv.txt", "stdin.txt", "env.txt"}) {
+        put(record, "");
+    }
 }
 
 void FakeAssistantTool::put(const std::string& name, const std::string& text) const {
