@@ -1,5 +1,6 @@
 #include "app/MainWindow.h"
 
+#include "app/AssistantViews.h"
 #include "platform/Dirs.h"
 
 #include <QHBoxLayout>
@@ -283,6 +284,10 @@ SettingsPage::SettingsPage(CatalogState& catalog, QWidget* parent) : QWidget(par
     connect(model_, &SweepTargetsModel::leftOutChanged, this, &SettingsPage::leftOutChanged);
 
     layout->addSpacing(6);
+    layout->addWidget(sectionLabel(QStringLiteral("Assistant")));
+    layout->addWidget(new AssistantSettings(platform::UserDefaults::standard()));
+
+    layout->addSpacing(6);
     layout->addWidget(sectionLabel(QStringLiteral("This copy")));
     layout->addWidget(paragraph(
         QStringLiteral("Distribution: direct. It measures the caches of your whole account, "
@@ -347,12 +352,14 @@ MainWindow::MainWindow(QWidget* parent)
     spaceMap_ = new SpaceMapPage;
     largeOld_ = new ReviewPage(ReviewPage::Kind::largeOld, *journal_);
     duplicates_ = new ReviewPage(ReviewPage::Kind::duplicates, *journal_);
+    snapshots_ = new SnapshotsPage;
     addScreen(QStringLiteral("Sweep"), sweep_);
     addScreen(QStringLiteral("Cleanup"), cleanup_);
     addScreen(QStringLiteral("Space Map"), spaceMap_);
     addHeading(QStringLiteral("Worth a look"));
     addScreen(QStringLiteral("Large & old"), largeOld_, true);
     addScreen(QStringLiteral("Duplicates"), duplicates_, true);
+    addScreen(QStringLiteral("Snapshots"), snapshots_, true);
     addScreen(QStringLiteral("Activity"), activity_);
     addScreen(QStringLiteral("Settings"), settings_);
 
@@ -363,6 +370,8 @@ MainWindow::MainWindow(QWidget* parent)
         }
     });
     connect(settings_, &SettingsPage::leftOutChanged, cleanup_, &CleanupPage::refreshLeftOut);
+    addExplainEntryPoints(*sweep_, *spaceMap_, *largeOld_, *duplicates_);
+    sideLayout->addWidget(makeAskBox(*spaceMap_));
     // Whatever reaches the Trash from any screen patches the Space Map's tree in place.
     auto patchMap = [this](const std::vector<MovedItem>& moved) {
         spaceMap_->applyMoves(moved);
@@ -413,6 +422,9 @@ void MainWindow::showScreen(Screen screen) {
         break;
     case Screen::duplicates:
         page = duplicates_;
+        break;
+    case Screen::snapshots:
+        page = snapshots_;
         break;
     case Screen::activity:
         page = activity_;

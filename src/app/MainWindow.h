@@ -3,6 +3,7 @@
 #include "app/AppState.h"
 #include "app/Pages.h"
 #include "app/ReviewPages.h"
+#include "app/SnapshotsPage.h"
 #include "app/SpaceMapPage.h"
 #include "app/Workers.h"
 
@@ -18,7 +19,16 @@ class MainWindow : public QMainWindow {
     Q_OBJECT
 
 public:
-    enum class Screen { sweep, cleanup, spaceMap, largeOld, duplicates, activity, settings };
+    enum class Screen {
+        sweep,
+        cleanup,
+        spaceMap,
+        largeOld,
+        duplicates,
+        snapshots,
+        activity,
+        settings
+    };
 
     explicit MainWindow(QWidget* parent = nullptr);
 
@@ -34,6 +44,7 @@ public:
     SpaceMapPage* spaceMapPage() const noexcept { return spaceMap_; }
     ReviewPage* largeOldPage() const noexcept { return largeOld_; }
     ReviewPage* duplicatesPage() const noexcept { return duplicates_; }
+    SnapshotsPage* snapshotsPage() const noexcept { return snapshots_; }
     OnboardingPage* onboardingPage() const noexcept { return onboarding_; }
     JournalStore& journal() noexcept { return *journal_; }
 
@@ -56,6 +67,7 @@ private:
     SpaceMapPage* spaceMap_;
     ReviewPage* largeOld_;
     ReviewPage* duplicates_;
+    SnapshotsPage* snapshots_;
 };
 
 // The settings key that records the introduction was seen.
