@@ -5,8 +5,12 @@
 #include "FakeAssistantTool.h"
 #include "Fixture.h"
 #include "assistant/AssistantRunner.h"
+#include "assistant/AssistantSubjects.h"
 #include "base/CleanerError.h"
+#include "space/SpaceTree.h"
+#include "sweep/Sweep.h"
 
+#include <ctime>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
@@ -120,6 +124,57 @@ TEST(AssistantFacts, SendNamesSizesCountsAndDatesButNeverContents) {
     EXPECT_EQ(text.find(home), std::string::npos) << "the home is written ~, never by name";
     EXPECT_THROW(measureFacts("/etc", home), CleanerError);
     EXPECT_THROW(measureFacts(folder + "/gone", home), CleanerError);
+}
+
+TEST(AssistantFacts, WhatTheScreensAlreadyMeasuredIsSentAsItStands) {
+    const std::string home = "/home/ann";
+    auto node = [](std::string name, std::string path, SpaceNode::Kind kind, std::uint64_t bytes,
+                   std::uint64_t files, std::int64_t changed) {
+        SpaceNode n;
+        n.name = std::move(name);
+        n.path = std::move(path);
+        n.kind = kind;
+        n.bytes = bytes;
+        n.fileCount = files;
+        n.latestChange = changed;
+        return n;
+    };
+    const auto folderKind = SpaceNode::Kind::directory;
+    SpaceNode folder =
+        node("Projects", home + "/Projects", folderKind, 9'000'000, 120, 1'700'000'000);
+    folder.children.push_back(node("app", home + "/Projects/app", folderKind, 7'000'000, 100, 0));
+    folder.children.push_back(
+        node("notes.txt", home + "/Projects/notes.txt", SpaceNode::Kind::file, 4'096, 1, 0));
+    folder.otherBytes = 1'995'904;
+    folder.otherCount = 19;
+    folder.isComplete = false;
+    AssistantFacts facts = factsForSpaceNode(folder, home);
+    EXPECT_EQ(
+        facts.text(), "The folder ~/Projects\n"
+                      "- ~/Projects (folder): 9.0 MB (9,000,000 bytes); 120 files; last changed " +
+                          [] {
+                              std::time_t when = 1'700'000'000;
+                              std::tm local{};
+                              ::localtime_r(&when, &local);
+                              char text[16];
+                              std::strftime(text, sizeof text, "%Y-%m-%d", &local);
+                              return std::string(text);
+                          }() +
+                          "\nInside it, biggest first:\n"
+                          "- app (folder): 7.0 MB (7,000,000 bytes); 100 files\n"
+                          "- notes.txt (file): 4.1 KB (4,096 bytes)\n"
+                          "- 19 smaller items (together): 2.0 MB (1,995,904 bytes)\n"
+                          "The scan stopped before it measured all of it.\n");
+    EXPECT_EQ(facts.byteFigures(),
+              (std::vector<std::uint64_t>{9'000'000, 7'000'000, 4'096, 1'995'904}));
+
+    SweepRecord record;
+    record.tiles = {{"developer", "Developer files", 5'000'000'000, true},
+                    {"installers", "Installers", 800'000'000, false}};
+    std::vector<Fact> tiles = sweepFacts(record);
+    ASSERT_EQ(tiles.size(), 2U);
+    EXPECT_EQ(tiles[0].kind, "Sweep tile, comes back by itself");
+    EXPECT_EQ(tiles[1].bytes, 800'000'000U);
 }
 
 TEST(AssistantQuestions, EachTaskHasASchemaAndTheToolSeesExactlyTheFactsShown) {

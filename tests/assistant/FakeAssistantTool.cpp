@@ -3,7 +3,13 @@
 #include "FakeTools.h"
 #include "Fixture.h"
 
+#include <cerrno>
+#include <fcntl.h>
 #include <sstream>
+#include <stdexcept>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <utility>
 
 namespace sd::test {
 namespace {
@@ -30,6 +36,7 @@ tr '\0' '\n' < /proc/$$/environ > "$here/env.txt"
 ls -A > "$here/pwd-contents.txt"
 cat > "$here/stdin.txt"
 pwd > "$here/pwd.txt"
+[ -p "$here/gate" ] && echo started > "$here/gate"
 if [ -e "$here/hang" ]; then exec sleep 600; fi
 [ -n "$last" ] && cat "$here/last-message.txt" > "$last"
 cat "$here/stdout.txt"
@@ -52,6 +59,15 @@ FakeAssistantTool::FakeAssistantTool(IntelligenceProvider provider, const std::s
     // A fake written where an earlier one stood starts with no request recorded.
     for (const char* record : {"pwd.txt", "argv.txt", "stdin.txt", "env.txt"}) {
         put(record, "");
+    }
+}
+
+FakeAssistantTool::FakeAssistantTool(FakeAssistantTool&& other) noexcept
+    : folder_(std::exchange(other.folder_, {})), executable_(std::move(other.executable_)) {}
+
+FakeAssistantTool::~FakeAssistantTool() {
+    if (!folder_.empty()) {
+        ::unlink((folder_ + "/gate").c_str());
     }
 }
 
@@ -95,6 +111,22 @@ void FakeAssistantTool::respond(const std::string& output, const std::string& er
 
 void FakeAssistantTool::hang() {
     put("hang", "");
+    // With a named pipe at "gate" each request says "started" there once it has read its input.
+    std::string gate = folder_ + "/gate";
+    if (::mkfifo(gate.c_str(), 0600) != 0 && errno != EEXIST) {
+        throw std::runtime_error("mkfifo " + gate);
+    }
+}
+
+void FakeAssistantTool::awaitRequest() const {
+    std::string gate = folder_ + "/gate";
+    int fd = ::open(gate.c_str(), O_RDONLY | O_CLOEXEC);
+    char buffer[16];
+    while (fd >= 0 && ::read(fd, buffer, sizeof buffer) > 0) {
+    }
+    if (fd >= 0) {
+        ::close(fd);
+    }
 }
 
 bool FakeAssistantTool::requested() const {

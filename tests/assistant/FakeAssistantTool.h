@@ -15,6 +15,10 @@ class FakeAssistantTool {
 public:
     // Writes the fake into `folder` under the provider's executable name.
     FakeAssistantTool(IntelligenceProvider provider, const std::string& folder);
+    FakeAssistantTool(FakeAssistantTool&& other) noexcept;
+    FakeAssistantTool& operator=(FakeAssistantTool&&) = delete;
+    // Removes the named pipe, which the fixture teardown would not.
+    ~FakeAssistantTool();
 
     const std::string& executable() const noexcept { return executable_; }
     const std::string& folder() const noexcept { return folder_; }
@@ -31,6 +35,8 @@ public:
                  const std::string& lastMessage = "");
     // A request that never ends by itself.
     void hang();
+    // Blocks until a request has its whole prompt, then lets it go on.
+    void awaitRequest() const;
 
     bool requested() const;
     std::vector<std::string> arguments() const;   // of the last request

@@ -289,9 +289,7 @@ TEST(AssistantRequest, ATimeoutFailsAndACancelIsNoError) {
     request.timeout = 60s;
     std::jthread closer([&] {
         // The user closes the question once the tool has the prompt.
-        while (!closed.tool.requested()) {
-            std::this_thread::yield();
-        }
+        closed.tool.awaitRequest();
         stop.request_stop();
     });
     AssistantReply cancelled =
