@@ -4,7 +4,6 @@
 
 #include <cmath>
 #include <nlohmann/json.hpp>
-#include <regex>
 
 namespace sd {
 namespace {
@@ -157,22 +156,81 @@ std::optional<AssistantAnswer> parseAnswer(AssistantTask task, std::string_view 
 }
 
 std::vector<QuotedFigure> quotedByteFigures(std::string_view text) {
-    static const std::regex figure(
-        R"((\d{1,3}(?:,\d{3})+|\d+)(?:\.(\d+))?\s?(bytes?|[kmgtp]i?b|kilobytes?|megabytes?|gigabytes?|terabytes?|petabytes?)(?![a-z]))",
-        std::regex::icase);
+    // A number ("1.2", "988", "1,234,567"), at most one space, then a byte unit that no letter
+    // follows: "1.2 GB", "50MiB", "1,234,567 bytes". Units are read in any case.
+    static constexpr std::string_view units[] = {
+        "kilobytes", "megabytes", "gigabytes", "terabytes", "petabytes", "kilobyte",
+        "megabyte",  "gigabyte",  "terabyte",  "petabyte",  "bytes",     "byte",
+        "kib",       "mib",       "gib",       "tib",       "pib",       "kb",
+        "mb",        "gb",        "tb",        "pb",
+    };
+    auto digit = [](char c) {
+        return c >= '0' && c <= '9';
+    };
+    auto letter = [](char c) {
+        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+    };
+    auto lower = [](char c) {
+        return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+    };
     std::vector<QuotedFigure> found;
-    using Iterator = std::regex_iterator<std::string_view::const_iterator>;
-    for (Iterator it(text.begin(), text.end(), figure), end; it != end; ++it) {
-        const auto& match = *it;
-        std::string whole = match[1].str();
-        std::erase(whole, ',');
-        std::string decimals = match[2].matched ? match[2].str() : "";
+    size_t at = 0;
+    while (at < text.size()) {
+        if (!digit(text[at]) || (at > 0 && digit(text[at - 1]))) {
+            ++at;
+            continue;
+        }
+        size_t end = at;
+        while (end < text.size() && digit(text[end])) {
+            ++end;
+        }
+        std::string whole(text.substr(at, end - at));
+        // Thousands grouped by commas, after a first group of one to three digits.
+        if (whole.size() <= 3) {
+            while (end + 3 < text.size() && text[end] == ',' && digit(text[end + 1]) &&
+                   digit(text[end + 2]) && digit(text[end + 3]) &&
+                   (end + 4 >= text.size() || !digit(text[end + 4]))) {
+                whole.append(text.substr(end + 1, 3));
+                end += 4;
+            }
+        }
+        std::string decimals;
+        if (end + 1 < text.size() && text[end] == '.' && digit(text[end + 1])) {
+            size_t from = end + 1;
+            end = from;
+            while (end < text.size() && digit(text[end])) {
+                ++end;
+            }
+            decimals = std::string(text.substr(from, end - from));
+        }
+        size_t unitAt =
+            end < text.size() && (text[end] == ' ' || text[end] == '\t') ? end + 1 : end;
+        std::string_view unit;
+        for (std::string_view candidate : units) {
+            if (unitAt + candidate.size() > text.size()) {
+                continue;
+            }
+            bool same = true;
+            for (size_t k = 0; k < candidate.size() && same; ++k) {
+                same = lower(text[unitAt + k]) == candidate[k];
+            }
+            size_t after = unitAt + candidate.size();
+            if (same && (after >= text.size() || !letter(text[after]))) {
+                unit = text.substr(unitAt, candidate.size());
+                break;
+            }
+        }
+        if (unit.empty()) {
+            at = end > at ? end : at + 1;
+            continue;
+        }
         QuotedFigure quoted;
-        quoted.text = match.str();
+        quoted.text = std::string(text.substr(at, unitAt + unit.size() - at));
         quoted.decimals = static_cast<int>(decimals.size());
         quoted.value = std::stod(decimals.empty() ? whole : whole + "." + decimals);
-        quoted.unit = match[3].str();
+        quoted.unit = std::string(unit);
         found.push_back(std::move(quoted));
+        at = unitAt + unit.size();
     }
     return found;
 }

@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cctype>
 #include <nlohmann/json.hpp>
-#include <regex>
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
@@ -28,11 +27,42 @@ std::string lowered(std::string_view text) {
     return out;
 }
 
+bool isDigit(char c) {
+    return c >= '0' && c <= '9';
+}
+
+bool isAlnum(char c) {
+    return isDigit(c) || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+}
+
+// The first address of the form name@domain.tld in a text.
 std::optional<std::string> firstEmail(std::string_view text) {
-    static const std::regex email(R"([A-Za-z0-9._%+-]+@[A-Za-z0-9.-]+\.[A-Za-z]{2,})");
-    std::match_results<std::string_view::const_iterator> match;
-    if (std::regex_search(text.begin(), text.end(), match, email)) {
-        return match.str();
+    auto local = [](char c) {
+        return isAlnum(c) || std::string_view("._%+-").find(c) != std::string_view::npos;
+    };
+    auto domain = [](char c) {
+        return isAlnum(c) || c == '.' || c == '-';
+    };
+    for (size_t at = text.find('@'); at != std::string_view::npos; at = text.find('@', at + 1)) {
+        size_t begin = at;
+        while (begin > 0 && local(text[begin - 1])) {
+            --begin;
+        }
+        size_t end = at + 1;
+        while (end < text.size() && domain(text[end])) {
+            ++end;
+        }
+        std::string_view host = text.substr(at + 1, end - at - 1);
+        while (!host.empty() && (host.back() == '.' || host.back() == '-')) {
+            host.remove_suffix(1);
+        }
+        size_t dot = host.rfind('.');
+        const bool tld = dot != std::string_view::npos && host.size() - dot > 2 &&
+                         std::all_of(host.begin() + static_cast<std::ptrdiff_t>(dot) + 1,
+                                     host.end(), [](char c) { return isAlnum(c) && !isDigit(c); });
+        if (begin < at && dot > 0 && tld) {
+            return std::string(text.substr(begin, at + 1 + host.size() - begin));
+        }
     }
     return std::nullopt;
 }
@@ -70,20 +100,44 @@ std::optional<std::string> findExecutable(IntelligenceProvider provider,
 }
 
 std::optional<std::string> parseVersion(std::string_view text) {
-    static const std::regex version(R"(\d+\.\d+(\.\d+)?)");
-    std::match_results<std::string_view::const_iterator> match;
-    if (std::regex_search(text.begin(), text.end(), match, version)) {
-        return match.str();
+    // The first "digits.digits", with one more ".digits" when there is one.
+    auto digitsFrom = [&](size_t at) {
+        size_t end = at;
+        while (end < text.size() && isDigit(text[end])) {
+            ++end;
+        }
+        return end;
+    };
+    for (size_t at = 0; at < text.size(); ++at) {
+        if (!isDigit(text[at])) {
+            continue;
+        }
+        size_t end = digitsFrom(at);
+        if (end + 1 >= text.size() || text[end] != '.' || !isDigit(text[end + 1])) {
+            continue;
+        }
+        end = digitsFrom(end + 1);
+        if (end + 1 < text.size() && text[end] == '.' && isDigit(text[end + 1])) {
+            end = digitsFrom(end + 1);
+        }
+        return std::string(text.substr(at, end - at));
     }
     return std::nullopt;
 }
 
 std::set<std::string> parseHelpFlags(std::string_view help) {
-    static const std::regex option(R"((^|[^A-Za-z0-9-])(--[A-Za-z0-9][A-Za-z0-9-]*))");
     std::set<std::string> flags;
-    using Iterator = std::regex_iterator<std::string_view::const_iterator>;
-    for (Iterator it(help.begin(), help.end(), option), end; it != end; ++it) {
-        flags.insert((*it)[2].str());
+    for (size_t at = help.find("--"); at != std::string_view::npos; at = help.find("--", at + 1)) {
+        const bool starts = at == 0 || !(isAlnum(help[at - 1]) || help[at - 1] == '-');
+        if (!starts || at + 2 >= help.size() || !isAlnum(help[at + 2])) {
+            continue;
+        }
+        size_t end = at + 2;
+        while (end < help.size() && (isAlnum(help[end]) || help[end] == '-')) {
+            ++end;
+        }
+        flags.emplace(help.substr(at, end - at));
+        at = end - 1;
     }
     return flags;
 }
@@ -151,6 +205,15 @@ probeProvider(IntelligenceProvider provider, const ProbeSetup& setup, const std:
     std::optional<std::string> executable = findExecutable(provider, login, setup.home);
     if (!executable) {
         return std::nullopt;
+    }
+    // A shell that could not be asked leaves no environment; the tool still needs to know whose
+    // home its settings and sign-in live in.
+    if (!setup.home.empty()) {
+        login.environment.try_emplace("HOME", setup.home);
+    }
+    if (!setup.capture.user.empty()) {
+        login.environment.try_emplace("USER", setup.capture.user);
+        login.environment.try_emplace("LOGNAME", setup.capture.user);
     }
     const bool codex = provider == IntelligenceProvider::codex;
     const std::vector<std::string> environment =

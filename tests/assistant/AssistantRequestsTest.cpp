@@ -64,6 +64,23 @@ TEST(AnswerNumbers, OnlySizesThatWereSentPassOnceRoundedAsWritten) {
     // Counts, dates and versions are not byte figures.
     EXPECT_TRUE(quotedByteFigures("3,402 files in 12 folders, changed 2024-05-01, v2.1").empty());
     EXPECT_EQ(quotedByteFigures("It holds 1.2 GB, of which node_modules is 988 MB.").size(), 2U);
+    // What is read as a figure, and its exact text.
+    for (auto [text, figure] :
+         std::vector<std::pair<const char*, const char*>>{{"about 1.2GB.", "1.2GB"},
+                                                          {"12,345,67 GB", "67 GB"},
+                                                          {"1234,567 MB", "567 MB"},
+                                                          {"x2 TiB!", "2 TiB"},
+                                                          {"3 GBP", nullptr},
+                                                          {"4 gigs", nullptr},
+                                                          {"5  MB", nullptr}}) {
+        std::vector<QuotedFigure> found = quotedByteFigures(text);
+        if (figure == nullptr) {
+            EXPECT_TRUE(found.empty()) << text;
+        } else {
+            ASSERT_EQ(found.size(), 1U) << text;
+            EXPECT_EQ(found[0].text, figure);
+        }
+    }
 }
 
 TEST(AnswerNumbers, AnAnswerQuotingAnUnmeasuredSizeIsNotShown) {

@@ -130,6 +130,8 @@ TEST(ProviderProbe, ReadsVersionFlagsFeaturesAndSignInFromTheToolsOwnAnswers) {
     EXPECT_EQ(probe->codexFeatures, (std::set<std::string>{"apps", "shell_tool", "chronicle"}));
     EXPECT_EQ(probe->login, IntelligenceLogin(SignedIn{"ann@example.com"}));
     EXPECT_FALSE(codex.requested()) << "probing never sends a prompt";
+    EXPECT_EQ(probe->environment.at("HOME"), home) << "without a capture, the account's home";
+    EXPECT_EQ(probe->environment.at("USER"), "ann");
 
     struct LoginCase {
         IntelligenceProvider provider;
@@ -167,6 +169,13 @@ TEST(ProviderProbe, ReadsVersionFlagsFeaturesAndSignInFromTheToolsOwnAnswers) {
     EXPECT_EQ(parseVersion("2.1.197 (Claude Code)"), "2.1.197");
     EXPECT_EQ(parseVersion("codex-cli 0.46"), "0.46");
     EXPECT_EQ(parseVersion("no version here"), std::nullopt);
+    EXPECT_EQ(parseVersion("build 7, v12.3.4.5"), "12.3.4");
+    EXPECT_EQ(parseVersion("1. 2.x 3.4."), "3.4");
+    EXPECT_EQ(parseLogin(IntelligenceProvider::codex,
+                         run(0, "Logged in as <ann.lee+ai@mail.example.org>.\n")),
+              IntelligenceLogin(SignedIn{"ann.lee+ai@mail.example.org"}));
+    EXPECT_EQ(parseLogin(IntelligenceProvider::codex, run(0, "Logged in (key @ host.x)\n")),
+              IntelligenceLogin(SignedIn{}));
     EXPECT_EQ(parseHelpFlags("  -p, --print   Print (see --output-format=json)\n"
                              "  --tools <tools...>  x--not-a-flag\n"),
               (std::set<std::string>{"--print", "--output-format", "--tools"}));
