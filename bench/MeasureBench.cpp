@@ -202,10 +202,10 @@ void BM_MeasureFootprint(benchmark::State& state) {
     for (auto _ : state) {
         std::vector<std::string> warnings;
         sd::FootprintTally tally;
-        sd::MeasureProgress progress;
+        sd::OperationProgress progress;
         last = sd::measureFootprint(f.tree, std::nullopt, warnings, tally, {},
                                     withProgress ? &progress : nullptr);
-        lastEntries = progress.entries.load(std::memory_order_relaxed);
+        lastEntries = progress.read().items;
         benchmark::DoNotOptimize(last);
         benchmark::DoNotOptimize(tally);
         if (!warnings.empty()) {

@@ -6,6 +6,7 @@
 #include "platform/UserDefaults.h"
 #include "sweep/Sweep.h"
 
+#include <array>
 #include <map>
 #include <memory>
 #include <optional>
@@ -18,11 +19,27 @@ namespace sd::app {
 // What the screens show, held in one place per screen. The item models read these and own
 // nothing; the screens change them on the interface thread only, from finished results.
 
+// The Sweep's per-tile progress as the tiles show it, read from the running Sweep.
+struct SweepReading {
+    struct Tile {
+        double fraction = 0;
+        std::uint64_t bytes = 0;
+        std::uint64_t items = 0;
+        bool finished = false;
+    };
+    std::array<Tile, allTileKinds.size()> tiles{};
+    double fraction = 0;
+    std::optional<std::string> currentPath;
+
+    const Tile& tile(SweepTileKind kind) const { return tiles[static_cast<size_t>(kind)]; }
+    Tile& tile(SweepTileKind kind) { return tiles[static_cast<size_t>(kind)]; }
+};
+
 struct SweepState {
     std::shared_ptr<Sweep> sweep;          // the last finished Sweep of this session
     std::optional<SweepRecord> lastRecord; // kept from an earlier one, shown until a new Sweep
     bool sweeping = false;
-    SweepProgress progress; // of the running Sweep, polled
+    SweepReading progress; // of the running Sweep, polled
     std::set<SweepTileKind> selection;
     std::set<SweepTileKind> reclaiming;
     std::map<SweepTileKind, std::uint64_t> movedByTile; // of the last reclaim

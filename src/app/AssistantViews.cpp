@@ -64,29 +64,27 @@ AssistantTasks::AssistantTasks(QObject* parent) : QObject(parent) {
 
 void AssistantTasks::probe(IntelligenceProvider provider) {
     runner_.start<IntelligenceProviderStatus>(
-        [provider](const Cancellation& cancel) {
-            return statusOf(probeProvider(provider, {}, cancel.stop));
-        },
+        [provider](std::stop_token stop) { return statusOf(probeProvider(provider, {}, stop)); },
         [this](IntelligenceProviderStatus& status) { emit probed(status); });
 }
 
 void AssistantTasks::test(IntelligenceProvider provider) {
     runner_.start<IntelligenceTestState>(
-        [provider](const Cancellation& cancel) -> IntelligenceTestState {
-            std::optional<IntelligenceProbe> probe = probeProvider(provider, {}, cancel.stop);
+        [provider](std::stop_token stop) -> IntelligenceTestState {
+            std::optional<IntelligenceProbe> probe = probeProvider(provider, {}, stop);
             if (!probe) {
                 return TestFailed{std::string(displayName(provider)) + ": " +
                                   statusText(statusOf(std::nullopt)) + "."};
             }
-            return runConnectionTest(provider, *probe, cancel.stop);
+            return runConnectionTest(provider, *probe, stop);
         },
         [this](IntelligenceTestState& state) { emit tested(state); });
 }
 
 void AssistantTasks::ask(IntelligenceProvider provider, AssistantQuestion question) {
     runner_.start<AssistantResult>(
-        [provider, question = std::move(question)](const Cancellation& cancel) {
-            std::optional<IntelligenceProbe> probe = probeProvider(provider, {}, cancel.stop);
+        [provider, question = std::move(question)](std::stop_token stop) {
+            std::optional<IntelligenceProbe> probe = probeProvider(provider, {}, stop);
             if (!probe) {
                 AssistantResult missing;
                 missing.message = std::string(displayName(provider)) + ": " +
@@ -94,7 +92,7 @@ void AssistantTasks::ask(IntelligenceProvider provider, AssistantQuestion questi
                 missing.factsSent = question.facts.text();
                 return missing;
             }
-            return askAssistant(provider, *probe, question, cancel.stop);
+            return askAssistant(provider, *probe, question, stop);
         },
         [this](AssistantResult& result) { emit answered(result); });
 }

@@ -132,7 +132,7 @@ CleanupPage::CleanupPage(CatalogState& catalog, JournalStore& journal, QWidget* 
     });
     connect(model_, &CatalogModel::switchesChanged, this, &CleanupPage::updateControls);
     connect(runner_, &CleanupRunner::progressChanged, this, [this] {
-        LiveProgress::Reading r = runner_->progress();
+        ProgressReading r = runner_->progress();
         progress_->update(r.fraction, r.message);
     });
     connect(runner_, &CleanupRunner::measured, this, &CleanupPage::onMeasured);

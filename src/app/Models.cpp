@@ -174,23 +174,18 @@ QVariant SweepTileModel::data(const QModelIndex& index, int role) const {
     }
     case bytesRole:
         if (state_.sweeping) {
-            return QVariant::fromValue<quint64>(state_.progress.moduleBytes.count(kind) != 0
-                                                    ? state_.progress.moduleBytes.at(kind)
-                                                    : 0);
+            return QVariant::fromValue<quint64>(state_.progress.tile(kind).bytes);
         }
         return QVariant::fromValue<quint64>(tile ? tile->bytes : record ? record->bytes : 0);
     case fractionRole:
         if (!state_.sweeping) {
             return tile != nullptr ? 1.0 : 0.0;
         }
-        return state_.progress.moduleFractions.count(kind) != 0
-                   ? state_.progress.moduleFractions.at(kind)
-                   : 0.0;
+        return state_.progress.tile(kind).fraction;
     case tileStateRole: {
         TileState s = TileState::waiting;
         if (state_.sweeping) {
-            s = state_.progress.finishedKinds.count(kind) != 0 ? TileState::measured
-                                                               : TileState::measuring;
+            s = state_.progress.tile(kind).finished ? TileState::measured : TileState::measuring;
         } else if (moved != state_.movedByTile.end() && moved->second > 0) {
             s = TileState::moved;
         } else if (tile != nullptr) {

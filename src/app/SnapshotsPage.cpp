@@ -39,7 +39,7 @@ SnapshotsRunner::SnapshotsRunner(std::shared_ptr<const platform::LocalSnapshotTo
 
 void SnapshotsRunner::list() {
     runner_.start<LocalSnapshotListing>(
-        [tool = tool_](const Cancellation& cancel) { return tool->list(cancel.stop); },
+        [tool = tool_](std::stop_token stop) { return tool->list(stop); },
         [this](LocalSnapshotListing& listing) { emit listed(listing); });
 }
 
@@ -47,9 +47,9 @@ void SnapshotsRunner::remove(std::vector<LocalSnapshot> listing, SnapshotDeletio
     progress_ = std::make_shared<OperationProgress>();
     runner_.start<SnapshotDeletionOutcome>(
         [tool = tool_, progress = progress_, listing = std::move(listing),
-         consent = std::move(consent)](const Cancellation& cancel) {
+         consent = std::move(consent)](std::stop_token stop) {
             // Stop is read between snapshots: the one being deleted always finishes.
-            return deleteSnapshots(*tool, listing, consent, *progress, cancel.stop);
+            return deleteSnapshots(*tool, listing, consent, *progress, stop);
         },
         [this](SnapshotDeletionOutcome& outcome) { emit deleted(outcome); });
 }

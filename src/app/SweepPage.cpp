@@ -270,7 +270,7 @@ SweepPage::SweepPage(JournalStore& journal, QWidget* parent) : QWidget(parent), 
 void SweepPage::startSweep() {
     job_ = Job::sweeping;
     state_.sweeping = true;
-    state_.progress = SweepProgress{};
+    state_.progress = SweepReading{};
     state_.movedByTile.clear();
     state_.selection.clear();
     lastEntryID_.reset();
@@ -286,8 +286,8 @@ void SweepPage::onProgress() {
         state_.progress = runner_->sweepProgress();
         QString message = QStringLiteral("Measuring… %1 so far").arg(bytesText([&] {
             std::uint64_t sum = 0;
-            for (const auto& [kind, bytes] : state_.progress.moduleBytes) {
-                sum += bytes;
+            for (const SweepReading::Tile& tile : state_.progress.tiles) {
+                sum += tile.bytes;
             }
             return sum;
         }()));
@@ -297,7 +297,7 @@ void SweepPage::onProgress() {
         progress_->update(state_.progress.fraction, message);
         tiles_->refresh();
     } else if (job_ == Job::reclaiming) {
-        LiveProgress::Reading r = runner_->reclaimProgress();
+        ProgressReading r = runner_->reclaimProgress();
         QString message = r.message;
         if (r.items > 0) {
             message += QStringLiteral(" · %1 moved").arg(bytesText(r.bytes));

@@ -1,5 +1,6 @@
 #include "app/Workers.h"
 
+#include "core/ByteFormat.h"
 #include "core/PathRules.h"
 #include "platform/UserDefaults.h"
 #include "reclaim/VaultPolicy.h"
@@ -27,14 +28,13 @@ TaskRunner::~TaskRunner() {
     runs_.clear();
 }
 
-TaskRunner::Run& TaskRunner::beginRun(std::function<void()> onStop) {
+TaskRunner::Run& TaskRunner::beginRun() {
     bool wasRunning = isRunning();
     if (current_ != nullptr) {
         requestStop(*current_);
     }
     Run& run = runs_.emplace_back();
     run.generation = ++generation_;
-    run.onStop = std::move(onStop);
     current_ = &run;
     timer_.start();
     if (!wasRunning) {
@@ -45,11 +45,7 @@ TaskRunner::Run& TaskRunner::beginRun(std::function<void()> onStop) {
 
 void TaskRunner::requestStop(Run& run) {
     run.stopRequested = true;
-    run.flag->cancel();
     run.thread.request_stop();
-    if (run.onStop) {
-        run.onStop();
-    }
 }
 
 void TaskRunner::stop() {
@@ -59,11 +55,6 @@ void TaskRunner::stop() {
 }
 
 void TaskRunner::onTick() {
-    for (Run& run : runs_) {
-        if (run.stopRequested && run.onStop) {
-            run.onStop();
-        }
-    }
     if (current_ != nullptr) {
         emit tick();
     }
@@ -97,68 +88,26 @@ void TaskRunner::finishRun(std::uint64_t generation, const std::function<void()>
     }
 }
 
-void LiveProgress::set(double fraction, std::uint64_t bytes, std::uint64_t items,
-                       const std::string& message) {
-    fraction_.store(fraction, std::memory_order_relaxed);
-    bytes_.store(bytes, std::memory_order_relaxed);
-    items_.store(items, std::memory_order_relaxed);
-    setMessage(message);
+ProgressReading readProgress(const OperationProgress& progress) {
+    OperationProgress::Reading now = progress.read();
+    return {now.fraction, now.bytes, now.items, QString::fromStdString(now.phase)};
 }
 
-void LiveProgress::setMessage(const std::string& message) {
-    std::lock_guard guard(lock_);
-    message_ = message;
-}
-
-LiveProgress::Reading LiveProgress::read() const {
-    Reading r;
-    r.fraction = fraction_.load(std::memory_order_relaxed);
-    r.bytes = bytes_.load(std::memory_order_relaxed);
-    r.items = items_.load(std::memory_order_relaxed);
-    std::lock_guard guard(lock_);
-    r.message = QString::fromStdString(message_);
-    return r;
-}
-
-void LiveSweepProgress::set(const SweepProgress& progress) {
-    for (size_t i = 0; i < allTileKinds.size(); ++i) {
-        SweepTileKind kind = allTileKinds[i];
-        if (auto f = progress.moduleFractions.find(kind); f != progress.moduleFractions.end()) {
-            fractions_[i].store(f->second, std::memory_order_relaxed);
+SweepReading readSweep(const SweepProgress& progress) {
+    SweepReading reading;
+    for (SweepTileKind kind : allTileKinds) {
+        OperationProgress::Reading now = progress.tile(kind).read();
+        SweepReading::Tile& tile = reading.tile(kind);
+        tile.fraction = now.fraction;
+        tile.bytes = now.bytes;
+        tile.items = now.items;
+        tile.finished = now.fraction >= 1.0;
+        if (!tile.finished && now.currentPath) {
+            reading.currentPath = now.currentPath;
         }
-        if (auto b = progress.moduleBytes.find(kind); b != progress.moduleBytes.end()) {
-            bytes_[i].store(b->second, std::memory_order_relaxed);
-        }
-        if (auto n = progress.moduleItems.find(kind); n != progress.moduleItems.end()) {
-            items_[i].store(n->second, std::memory_order_relaxed);
-        }
+        reading.fraction += now.fraction / static_cast<double>(allTileKinds.size());
     }
-    unsigned mask = 0;
-    for (SweepTileKind kind : progress.finishedKinds) {
-        mask |= 1u << static_cast<unsigned>(kind);
-    }
-    finished_.store(mask, std::memory_order_relaxed);
-    fraction_.store(progress.fraction, std::memory_order_relaxed);
-    std::lock_guard guard(lock_);
-    currentPath_ = progress.currentPath;
-}
-
-SweepProgress LiveSweepProgress::read() const {
-    SweepProgress p;
-    unsigned mask = finished_.load(std::memory_order_relaxed);
-    for (size_t i = 0; i < allTileKinds.size(); ++i) {
-        SweepTileKind kind = allTileKinds[i];
-        p.moduleFractions[kind] = fractions_[i].load(std::memory_order_relaxed);
-        p.moduleBytes[kind] = bytes_[i].load(std::memory_order_relaxed);
-        p.moduleItems[kind] = items_[i].load(std::memory_order_relaxed);
-        if ((mask & (1u << static_cast<unsigned>(kind))) != 0) {
-            p.finishedKinds.insert(kind);
-        }
-    }
-    p.fraction = fraction_.load(std::memory_order_relaxed);
-    std::lock_guard guard(lock_);
-    p.currentPath = currentPath_;
-    return p;
+    return reading;
 }
 
 std::shared_ptr<const VaultPolicy> homePolicy() {
@@ -175,42 +124,29 @@ SweepRunner::SweepRunner(QObject* parent) : QObject(parent) {
 
 void SweepRunner::start() {
     // Each run writes into its own progress, so a superseded run cannot move the new bars.
-    auto live = std::make_shared<LiveSweepProgress>();
+    auto live = std::make_shared<SweepProgress>();
     sweepProgress_ = live;
     runner_.start<std::shared_ptr<Sweep>>(
-        [live](const Cancellation& cancel) {
+        [live](std::stop_token stop) {
             auto sweep = std::make_shared<Sweep>(DistributionMode::direct,
                                                  platform::UserDefaults::standard(), homePolicy());
-            sweep->run([&](const SweepProgress& p) { live->set(p); }, cancel);
+            sweep->run(stop, live.get());
             return sweep;
         },
         [this](std::shared_ptr<Sweep>& sweep) { emit swept(sweep); });
 }
 
 void SweepRunner::reclaim(std::shared_ptr<Sweep> sweep, std::set<SweepTileKind> kinds) {
-    auto live = std::make_shared<LiveProgress>();
-    live->setMessage("Checking each item before it moves");
+    auto live = std::make_shared<OperationProgress>();
+    live->setPhase("Checking each item before it moves");
     reclaimProgress_ = live;
     runner_.start<SweepReclaimResult>(
-        [sweep, kinds, live](const Cancellation& cancel) {
+        [sweep, kinds, live](std::stop_token stop) {
             ReclaimJournal journal = ReclaimJournal::standard();
             journal.load();
-            return sweep->reclaim(
-                kinds, journal,
-                [&](const ProgressEvent& e) {
-                    live->set(e.fraction, e.bytesProcessed, e.itemsProcessed, e.message);
-                },
-                cancel);
+            return sweep->reclaim(kinds, journal, stop, live.get());
         },
         [this](SweepReclaimResult& result) { emit reclaimed(result); });
-}
-
-SweepProgress SweepRunner::sweepProgress() const {
-    return sweepProgress_->read();
-}
-
-LiveProgress::Reading SweepRunner::reclaimProgress() const {
-    return reclaimProgress_->read();
 }
 
 CleanupRunner::CleanupRunner(QObject* parent) : QObject(parent) {
@@ -219,64 +155,52 @@ CleanupRunner::CleanupRunner(QObject* parent) : QObject(parent) {
     connect(&runner_, &TaskRunner::runningChanged, this, &CleanupRunner::runningChanged);
 }
 
-std::shared_ptr<CleaningService> CleanupRunner::newService() {
-    // One service per run: Stop reaches exactly the run it was pressed for, and a superseded run
-    // never holds the next one's operation lock for longer than it takes to notice.
-    progress_ = std::make_shared<LiveProgress>();
-    return std::make_shared<CleaningService>(homePolicy());
+std::shared_ptr<OperationProgress> CleanupRunner::freshProgress(const char* phase) {
+    // Each run reports into its own progress, so a superseded run cannot move the new bar.
+    progress_ = std::make_shared<OperationProgress>();
+    progress_->setPhase(phase);
+    return progress_;
 }
 
 void CleanupRunner::measure(std::vector<Target> targets, std::map<std::string, bool> included) {
-    auto service = newService();
-    auto live = progress_;
-    live->set(0, 0, 0, "Starting scan...");
+    auto live = freshProgress("Starting the scan");
     runner_.start<std::optional<ScanResult>>(
-        [service, live, targets = std::move(targets),
-         included = std::move(included)](const Cancellation& cancel) {
-            cancel.check();
-            return service->scan(targets, included, [&](const ProgressEvent& e) {
-                live->set(e.fraction, e.bytesProcessed, e.itemsProcessed, e.message);
-            });
+        [live, targets = std::move(targets), included = std::move(included)](std::stop_token stop) {
+            CleaningService service(homePolicy());
+            return service.scan(targets, included, stop, live.get());
         },
         [this](std::optional<ScanResult>& result) {
             if (result) {
                 emit measured(*result);
             }
-        },
-        [service] { service->cancel(); });
+        });
 }
 
 void CleanupRunner::prepare(std::vector<Target> targets,
                             std::map<std::string, bool> cleanIncluded) {
-    auto service = newService();
-    auto live = progress_;
-    live->set(0, 0, 0, "Measuring what emptying the Trash frees");
+    auto live = freshProgress("Measuring what moving to the Trash would free");
     runner_.start<CleanPlan>(
-        [service, live, targets = std::move(targets),
-         cleanIncluded = std::move(cleanIncluded)](const Cancellation& cancel) {
-            cancel.check();
+        [live, targets = std::move(targets),
+         cleanIncluded = std::move(cleanIncluded)](std::stop_token stop) {
+            CleaningService service(homePolicy());
             std::vector<CleanError> errors;
             std::vector<CacheCleaningCandidate> candidates =
-                service->buildCandidates(targets, cleanIncluded, errors);
-            cancel.check();
-            CleanPlan plan = service->plan(candidates, [&](const ProgressEvent& e) {
-                live->set(e.fraction, e.bytesProcessed, e.itemsProcessed, e.message);
-            });
+                service.buildCandidates(targets, cleanIncluded, errors);
+            CleanPlan plan = service.plan(candidates, stop, live.get());
             plan.errors.insert(plan.errors.begin(), errors.begin(), errors.end());
             return plan;
         },
-        [this](CleanPlan& plan) { emit prepared(plan); }, [service] { service->cancel(); });
+        [this](CleanPlan& plan) { emit prepared(plan); });
 }
 
 void CleanupRunner::clean(CleanPlan plan, std::vector<Target> targets,
                           std::map<std::string, bool> included) {
-    auto service = newService();
-    auto live = progress_;
-    live->set(0, 0, 0, "Starting clean...");
+    auto live = freshProgress("Starting to move");
     runner_.start<CleanOutcome>(
-        [service, live, plan = std::move(plan), targets = std::move(targets),
-         included = std::move(included)](const Cancellation& cancel) {
-            cancel.check();
+        [live, plan = std::move(plan), targets = std::move(targets),
+         included = std::move(included)](std::stop_token stop) {
+            throwIfStopped(stop);
+            CleaningService service(homePolicy());
             ReclaimJournal journal = ReclaimJournal::standard();
             journal.load();
             JournalRecording recording;
@@ -287,23 +211,20 @@ void CleanupRunner::clean(CleanPlan plan, std::vector<Target> targets,
             recording.groupOf = [](const std::optional<std::string>& targetID) {
                 return targetID.value_or("caches");
             };
-            auto report = [&](const ProgressEvent& e) {
-                live->set(e.fraction, e.bytesProcessed, e.itemsProcessed, e.message);
-            };
             CleanOutcome outcome;
-            outcome.result = service->clean(plan, recording, report);
+            outcome.result = service.clean(plan, recording, stop, live.get());
             try {
                 // What moved is journaled already; Stop here only skips the check.
-                cancel.check();
-                live->set(0, 0, 0, "Checking what is left");
-                outcome.verification = service->scan(targets, included, report);
+                throwIfStopped(stop);
+                live->setPhase("Checking what is left");
+                outcome.verification = service.scan(targets, included, stop, live.get());
             } catch (const CleanerError& error) {
                 outcome.verificationError =
                     QStringLiteral("Verification did not complete: ") + error.what();
             }
             return outcome;
         },
-        [this](CleanOutcome& outcome) { emit cleaned(outcome); }, [service] { service->cancel(); });
+        [this](CleanOutcome& outcome) { emit cleaned(outcome); });
 }
 
 PutBackRunner::PutBackRunner(QObject* parent) : QObject(parent) {
@@ -313,12 +234,154 @@ PutBackRunner::PutBackRunner(QObject* parent) : QObject(parent) {
 
 void PutBackRunner::putBack(std::string entryID, std::optional<std::string> group) {
     runner_.start<TrashRestoreResult>(
-        [entryID = std::move(entryID), group = std::move(group)](const Cancellation& cancel) {
+        [entryID = std::move(entryID), group = std::move(group)](std::stop_token stop) {
             ReclaimJournal journal = ReclaimJournal::standard();
             journal.load();
-            return journal.putBack(entryID, group, cancel);
+            return journal.putBack(entryID, group, stop);
         },
         [this](TrashRestoreResult& result) { emit finished(result); });
+}
+
+SpaceRunner::SpaceRunner(QObject* parent) : QObject(parent) {
+    connect(&runner_, &TaskRunner::tick, this, &SpaceRunner::progressChanged);
+    connect(&runner_, &TaskRunner::failed, this, &SpaceRunner::failed);
+    connect(&runner_, &TaskRunner::runningChanged, this, &SpaceRunner::runningChanged);
+}
+
+void SpaceRunner::scan(std::string root, std::optional<double> budget,
+                       std::optional<std::uint64_t> streamMinimumBytes) {
+    auto live = std::make_shared<OperationProgress>();
+    live->setPhase("Starting the scan");
+    progress_ = live;
+    runner_.start<SpaceScanResult>(
+        [live, root = std::move(root), budget, streamMinimumBytes](std::stop_token stop) {
+            SpaceTreeScanner scanner;
+            scanner.budget = budget;
+            if (streamMinimumBytes) {
+                scanner.streamMinimumBytes = *streamMinimumBytes;
+            }
+            return scanner.scan(root, stop, live.get());
+        },
+        [this](SpaceScanResult& result) { emit scanned(result); });
+}
+
+ProgressReading SpaceRunner::progress() const {
+    ProgressReading reading = readProgress(*progress_);
+    if (reading.items > 0 || reading.message == QLatin1String("Scanning")) {
+        reading.message = QStringLiteral("%1 items scanned")
+                              .arg(QString::fromStdString(formatCount(reading.items)));
+    }
+    return reading;
+}
+
+std::vector<BigItem> SpaceRunner::takeBigItems() {
+    std::vector<BigItem> items;
+    for (OperationProgress::Notice& notice : progress_->takeNotices()) {
+        items.push_back({std::move(notice.path), notice.bytes});
+    }
+    return items;
+}
+
+namespace {
+
+// The vault's verdict on each path, without moving anything.
+std::map<std::string, VaultDenyReason> verdicts(const std::vector<std::string>& paths,
+                                                const std::stop_token& stop) {
+    std::map<std::string, VaultDenyReason> denied;
+    if (paths.empty()) {
+        return denied;
+    }
+    throwIfStopped(stop);
+    VaultService vault = VaultService::standard(homePolicy());
+    VaultPlan plan = vault.planner(paths, {}, nullptr);
+    for (size_t i = 0; i < plan.items.size() && i < paths.size(); ++i) {
+        if (plan.items[i].denied) {
+            denied[paths[i]] = *plan.items[i].denied;
+        }
+    }
+    return denied;
+}
+
+} // namespace
+
+ReviewRunner::ReviewRunner(QObject* parent) : QObject(parent) {
+    connect(&runner_, &TaskRunner::tick, this, &ReviewRunner::progressChanged);
+    connect(&runner_, &TaskRunner::failed, this, &ReviewRunner::failed);
+    connect(&runner_, &TaskRunner::runningChanged, this, &ReviewRunner::runningChanged);
+}
+
+std::shared_ptr<OperationProgress> ReviewRunner::freshProgress(const char* phase) {
+    progress_ = std::make_shared<OperationProgress>();
+    progress_->setPhase(phase);
+    return progress_;
+}
+
+ProgressReading ReviewRunner::progress() const {
+    OperationProgress::Reading now = progress_->read();
+    return {now.fraction, now.bytes, now.items, QString::fromStdString(reviewProgressText(now))};
+}
+
+void ReviewRunner::findLargeOld(LargeOldOptions options) {
+    auto live = freshProgress("Reading your folders");
+    runner_.start<LargeOldFound>(
+        [live, options](std::stop_token stop) {
+            LargeOldFinder finder = LargeOldFinder::standard(homeDirectory());
+            finder.options = options;
+            finder.stop = stop;
+            finder.progress = live.get();
+            LargeOldFound found;
+            found.report = finder.find();
+            live->setPhase("Checking what could move");
+            live->setItems(0);
+            live->setFraction(1);
+            std::vector<std::string> paths;
+            for (const LargeOldItem& item : found.report.items) {
+                paths.push_back(item.path);
+            }
+            found.denied = verdicts(paths, stop);
+            return found;
+        },
+        [this](LargeOldFound& found) { emit largeOldFound(found); });
+}
+
+void ReviewRunner::findDuplicates(std::string root, DuplicateOptions options) {
+    auto live = freshProgress("Reading your folders");
+    runner_.start<DuplicatesFound>(
+        [live, root = std::move(root), options](std::stop_token stop) {
+            DuplicateComparer comparer;
+            comparer.options = options;
+            comparer.candidates = collectDuplicateCandidates(DuplicateScope{root, homeDirectory()},
+                                                             options, stop, live.get());
+            comparer.stop = stop;
+            comparer.progress = live.get();
+            DuplicatesFound found;
+            found.report = comparer.compare();
+            live->setPhase("Checking what could move");
+            live->setItems(0);
+            live->setFraction(1);
+            std::vector<std::string> paths;
+            for (const DuplicateGroup& group : found.report.groups) {
+                for (const DuplicateFile& file : group.files) {
+                    paths.push_back(file.path);
+                }
+            }
+            found.denied = verdicts(paths, stop);
+            return found;
+        },
+        [this](DuplicatesFound& found) { emit duplicatesFound(found); });
+}
+
+void ReviewRunner::move(std::vector<ReviewedItem> items, std::string title, std::string group) {
+    freshProgress("Checking each item before it moves");
+    runner_.start<ReviewMoveResult>(
+        [items = std::move(items), title = std::move(title),
+         group = std::move(group)](std::stop_token stop) {
+            ReclaimJournal journal = ReclaimJournal::standard();
+            journal.load();
+            VaultService vault = VaultService::standard(homePolicy());
+            return moveReviewedItems(vault, journal, items, title, group, stop);
+        },
+        [this](ReviewMoveResult& result) { emit moved(result); });
 }
 
 JournalStore::JournalStore(QObject* parent)

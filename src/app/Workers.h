@@ -1,9 +1,15 @@
 #pragma once
 
+#include "app/AppState.h"
 #include "base/CleanerError.h"
+#include "base/Progress.h"
 #include "catalog/CleaningService.h"
-#include "core/Cancellation.h"
 #include "reclaim/ReclaimJournal.h"
+#include "reclaim/VaultTypes.h"
+#include "review/DuplicateComparer.h"
+#include "review/LargeOldFinder.h"
+#include "review/ReviewReclaim.h"
+#include "space/SpaceTreeScanner.h"
 #include "sweep/Sweep.h"
 
 #include <QObject>
@@ -13,16 +19,18 @@
 #include <atomic>
 #include <functional>
 #include <list>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <stop_token>
 #include <thread>
 
 namespace sd::app {
 
 // Runs one core operation at a time on its own worker thread and hands the finished result back
 // to the interface thread through a queued call. Starting again supersedes the running operation:
-// it is told to stop, and whatever it still delivers is dropped because its generation is no
+// its stop is requested, and whatever it still delivers is dropped because its generation is no
 // longer the current one. While anything runs, `tick` fires a few times a second so views can
 // poll progress instead of receiving one event per file.
 class TaskRunner : public QObject {
@@ -33,15 +41,12 @@ public:
     // Stops every run and waits for the worker threads; nothing is delivered afterwards.
     ~TaskRunner() override;
 
-    // Runs `work` on a new worker thread with the run's cancellation. `done` runs later on this
+    // Runs `work` on a new worker thread with the run's stop token. `done` runs later on this
     // object's thread with the result, unless a newer run started meanwhile or the runner was
-    // stopped or destroyed. `onStop` passes Stop on to what cannot see the cancellation (a cleaning
-    // service's own flag); it is repeated on every tick until the worker ends, because the
-    // operation it reaches may only begin after Stop was pressed. An exception from `work` becomes
-    // `failed`, with `cancelled` set for "Operation cancelled".
+    // stopped or destroyed. An exception from `work` becomes `failed`, with `cancelled` set for
+    // "Operation cancelled".
     template <typename Result>
-    void start(std::function<Result(const Cancellation&)> work, std::function<void(Result&)> done,
-               std::function<void()> onStop = {});
+    void start(std::function<Result(std::stop_token)> work, std::function<void(Result&)> done);
 
     // Asks the current run to stop; it ends with `failed` and `cancelled` set.
     void stop();
@@ -60,13 +65,11 @@ signals:
 private:
     struct Run {
         std::uint64_t generation = 0;
-        std::shared_ptr<CoreCancellationState> flag = std::make_shared<CoreCancellationState>();
-        std::function<void()> onStop;
         bool stopRequested = false;
         std::jthread thread;
     };
 
-    Run& beginRun(std::function<void()> onStop);
+    Run& beginRun();
     void requestStop(Run& run);
     void finishRun(std::uint64_t generation, const std::function<void()>& deliver,
                    const QString& error, bool cancelled);
@@ -79,78 +82,49 @@ private:
 };
 
 template <typename Result>
-void TaskRunner::start(std::function<Result(const Cancellation&)> work,
-                       std::function<void(Result&)> done, std::function<void()> onStop) {
-    Run& run = beginRun(std::move(onStop));
+void TaskRunner::start(std::function<Result(std::stop_token)> work,
+                       std::function<void(Result&)> done) {
+    Run& run = beginRun();
     std::uint64_t generation = run.generation;
-    std::shared_ptr<CoreCancellationState> flag = run.flag;
-    run.thread = std::jthread([this, generation, flag, work = std::move(work),
-                               done = std::move(done)](std::stop_token stop) {
-        auto result = std::make_shared<std::optional<Result>>();
-        QString error;
-        bool cancelled = false;
-        try {
-            result->emplace(work(Cancellation(flag.get(), stop)));
-        } catch (const CleanerError& e) {
-            error = QString::fromStdString(e.what());
-            cancelled = e.kind() == CleanerError::Kind::operationCancelled;
-        } catch (const std::exception& e) {
-            error = QString::fromStdString(e.what());
-        }
-        QMetaObject::invokeMethod(
-            this,
-            [this, generation, result, error, cancelled, done] {
-                finishRun(
-                    generation,
-                    [&] {
-                        if (*result) {
-                            done(**result);
-                        }
-                    },
-                    error, cancelled);
-            },
-            Qt::QueuedConnection);
-    });
+    run.thread = std::jthread(
+        [this, generation, work = std::move(work), done = std::move(done)](std::stop_token stop) {
+            auto result = std::make_shared<std::optional<Result>>();
+            QString error;
+            bool cancelled = false;
+            try {
+                result->emplace(work(stop));
+            } catch (const CleanerError& e) {
+                error = QString::fromStdString(e.what());
+                cancelled = e.kind() == CleanerError::Kind::operationCancelled;
+            } catch (const std::exception& e) {
+                error = QString::fromStdString(e.what());
+            }
+            QMetaObject::invokeMethod(
+                this,
+                [this, generation, result, error, cancelled, done] {
+                    finishRun(
+                        generation,
+                        [&] {
+                            if (*result) {
+                                done(**result);
+                            }
+                        },
+                        error, cancelled);
+                },
+                Qt::QueuedConnection);
+        });
 }
 
-// Progress that a worker writes and the interface reads when it polls. Numbers are atomics; the
-// one text is guarded by a lock held only to copy it.
-class LiveProgress {
-public:
-    struct Reading {
-        double fraction = 0;
-        std::uint64_t bytes = 0;
-        std::uint64_t items = 0;
-        QString message;
-    };
-
-    void set(double fraction, std::uint64_t bytes, std::uint64_t items, const std::string& message);
-    void setMessage(const std::string& message);
-    Reading read() const;
-
-private:
-    std::atomic<double> fraction_{0};
-    std::atomic<std::uint64_t> bytes_{0};
-    std::atomic<std::uint64_t> items_{0};
-    mutable std::mutex lock_;
-    std::string message_;
+// What a screen shows of a running operation, read from the core's polled progress.
+struct ProgressReading {
+    double fraction = 0;
+    std::uint64_t bytes = 0;
+    std::uint64_t items = 0;
+    QString message; // the phase the operation is in
 };
+ProgressReading readProgress(const OperationProgress& progress);
 
-// The per-tile progress of a running Sweep, in the same form.
-class LiveSweepProgress {
-public:
-    void set(const SweepProgress& progress);
-    SweepProgress read() const;
-
-private:
-    std::array<std::atomic<double>, allTileKinds.size()> fractions_{};
-    std::array<std::atomic<std::uint64_t>, allTileKinds.size()> bytes_{};
-    std::array<std::atomic<std::uint64_t>, allTileKinds.size()> items_{};
-    std::atomic<unsigned> finished_{0};
-    std::atomic<double> fraction_{0};
-    mutable std::mutex lock_;
-    std::optional<std::string> currentPath_;
-};
+SweepReading readSweep(const SweepProgress& progress);
 
 // The Sweep on a worker thread: measuring, reclaiming ticked tiles and putting them back.
 class SweepRunner : public QObject {
@@ -167,8 +141,8 @@ public:
 
     bool isRunning() const noexcept { return runner_.isRunning(); }
     TaskRunner& runner() noexcept { return runner_; }
-    SweepProgress sweepProgress() const;
-    LiveProgress::Reading reclaimProgress() const;
+    SweepReading sweepProgress() const { return readSweep(*sweepProgress_); }
+    ProgressReading reclaimProgress() const { return readProgress(*reclaimProgress_); }
 
 signals:
     void progressChanged();
@@ -179,8 +153,8 @@ signals:
 
 private:
     TaskRunner runner_;
-    std::shared_ptr<LiveSweepProgress> sweepProgress_ = std::make_shared<LiveSweepProgress>();
-    std::shared_ptr<LiveProgress> reclaimProgress_ = std::make_shared<LiveProgress>();
+    std::shared_ptr<SweepProgress> sweepProgress_ = std::make_shared<SweepProgress>();
+    std::shared_ptr<OperationProgress> reclaimProgress_ = std::make_shared<OperationProgress>();
 };
 
 // What a clean did, with the measurement that checked it afterwards.
@@ -206,7 +180,7 @@ public:
 
     bool isRunning() const noexcept { return runner_.isRunning(); }
     TaskRunner& runner() noexcept { return runner_; }
-    LiveProgress::Reading progress() const { return progress_->read(); }
+    ProgressReading progress() const { return readProgress(*progress_); }
 
 signals:
     void progressChanged();
@@ -217,10 +191,10 @@ signals:
     void runningChanged(bool running);
 
 private:
-    std::shared_ptr<CleaningService> newService();
+    std::shared_ptr<OperationProgress> freshProgress(const char* phase);
 
     TaskRunner runner_;
-    std::shared_ptr<LiveProgress> progress_ = std::make_shared<LiveProgress>();
+    std::shared_ptr<OperationProgress> progress_ = std::make_shared<OperationProgress>();
 };
 
 // Put Back of an Activity entry (or one of its groups) on a worker thread.
@@ -241,6 +215,81 @@ signals:
 
 private:
     TaskRunner runner_;
+};
+
+// A big item the space scan found before it finished.
+struct BigItem {
+    std::string path;
+    std::uint64_t bytes = 0;
+};
+
+// The home space-tree scan on a worker thread. Progress and the big items found while it runs
+// are polled; the finished tree arrives whole.
+class SpaceRunner : public QObject {
+    Q_OBJECT
+
+public:
+    explicit SpaceRunner(QObject* parent = nullptr);
+
+    // Scans `root` with `budget` seconds (the scanner's default when none), telling of items of
+    // `streamMinimumBytes` and more (the scanner's default when none) while it runs.
+    void scan(std::string root, std::optional<double> budget = std::nullopt,
+              std::optional<std::uint64_t> streamMinimumBytes = std::nullopt);
+    void stop() { runner_.stop(); }
+    bool isRunning() const noexcept { return runner_.isRunning(); }
+    ProgressReading progress() const;
+    // The big items found since the last call.
+    std::vector<BigItem> takeBigItems();
+
+signals:
+    void progressChanged();
+    void scanned(const sd::SpaceScanResult& result);
+    void failed(const QString& message, bool cancelled);
+    void runningChanged(bool running);
+
+private:
+    TaskRunner runner_;
+    std::shared_ptr<OperationProgress> progress_ = std::make_shared<OperationProgress>();
+};
+
+// A search's report with the vault's verdict on every path in it, so a row the vault would keep
+// in place shows why before anyone ticks it.
+template <typename Report> struct Reviewed {
+    Report report;
+    std::map<std::string, VaultDenyReason> denied;
+};
+using LargeOldFound = Reviewed<LargeOldReport>;
+using DuplicatesFound = Reviewed<DuplicateReport>;
+
+// The review searches and their moves on a worker thread.
+class ReviewRunner : public QObject {
+    Q_OBJECT
+
+public:
+    explicit ReviewRunner(QObject* parent = nullptr);
+
+    void findLargeOld(LargeOldOptions options = {});
+    void findDuplicates(std::string root, DuplicateOptions options = {});
+    // Moves the ticked items through the vault and records them in Activity.
+    void move(std::vector<ReviewedItem> items, std::string title, std::string group);
+    void stop() { runner_.stop(); }
+    bool isRunning() const noexcept { return runner_.isRunning(); }
+    // The stage and the items seen so far: "Comparing contents — 1,234 items".
+    ProgressReading progress() const;
+
+signals:
+    void progressChanged();
+    void largeOldFound(const sd::app::LargeOldFound& found);
+    void duplicatesFound(const sd::app::DuplicatesFound& found);
+    void moved(const sd::ReviewMoveResult& result);
+    void failed(const QString& message, bool cancelled);
+    void runningChanged(bool running);
+
+private:
+    std::shared_ptr<OperationProgress> freshProgress(const char* phase);
+
+    TaskRunner runner_;
+    std::shared_ptr<OperationProgress> progress_ = std::make_shared<OperationProgress>();
 };
 
 // The interface thread's copy of the reclaim journal. Workers write through their own copies

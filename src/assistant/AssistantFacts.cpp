@@ -3,6 +3,7 @@
 #include "base/CleanerError.h"
 #include "base/Descriptors.h"
 #include "base/PathText.h"
+#include "base/Stop.h"
 #include "core/ByteFormat.h"
 #include "core/CoreFileSystem.h"
 #include "core/PathRules.h"
@@ -126,7 +127,7 @@ AssistantFacts measureFacts(const std::string& path, const std::string& home,
     std::vector<std::string> warnings;
     FootprintTally tally;
     if (!folder) {
-        Footprint footprint = measureFootprint(normalized, std::nullopt, warnings, tally);
+        Footprint footprint = measureFootprint(normalized, std::nullopt, warnings, tally, stop);
         about.bytes = footprint.allocatedBytes;
         facts.about = about;
         return facts;
@@ -139,22 +140,20 @@ AssistantFacts measureFacts(const std::string& path, const std::string& home,
         throw CleanerError::invalidPath("There is nothing at " + normalized +
                                         ". Nothing was sent.");
     }
-    std::vector<std::string> names = listDirectory(fd.get(), normalized);
+    std::vector<std::string> names = listDirectory(fd.get(), normalized, stop);
     std::uint64_t total = 0; // files' allocated bytes, as every size Sparrowdeck shows
     std::uint64_t files = 0;
     std::uint64_t folders = 0;
     std::vector<Fact> items;
     for (const std::string& name : names) {
-        if (stop.stop_requested()) {
-            throw CleanerError::cancelled();
-        }
+        throwIfStopped(stop);
         const std::string child = childPath(normalized, name);
         std::optional<struct stat> childStat = statEntry(fd.get(), name.c_str(), child);
         if (!childStat) {
             continue;
         }
         Footprint footprint =
-            measureFootprint(child, EntryIdentity::of(*childStat), warnings, tally);
+            measureFootprint(child, EntryIdentity::of(*childStat), warnings, tally, stop);
         if (footprint.vanished) {
             continue;
         }

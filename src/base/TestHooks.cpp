@@ -9,6 +9,18 @@ namespace {
 std::mutex lock;
 std::function<void(const std::string&)> beforeOpen;
 std::function<void()> hashed;
+std::function<void()> scanResult;
+
+void run(const std::function<void()>& slot) {
+    std::function<void()> hook;
+    {
+        std::lock_guard guard(lock);
+        hook = slot;
+    }
+    if (hook) {
+        hook();
+    }
+}
 } // namespace
 
 void setBeforeOpenDirectory(std::function<void(const std::string& path)> hook) {
@@ -33,14 +45,16 @@ void setAfterHashing(std::function<void()> hook) {
 }
 
 void afterHashing() {
-    std::function<void()> hook;
-    {
-        std::lock_guard guard(lock);
-        hook = hashed;
-    }
-    if (hook) {
-        hook();
-    }
+    run(hashed);
+}
+
+void setBeforeScanResult(std::function<void()> hook) {
+    std::lock_guard guard(lock);
+    scanResult = std::move(hook);
+}
+
+void beforeScanResult() {
+    run(scanResult);
 }
 
 } // namespace sd::testhooks

@@ -16,11 +16,17 @@ void beforeOpenDirectory(const std::string& path);
 // changes a file that has already been hashed.
 void setAfterHashing(std::function<void()> hook);
 void afterHashing();
+// After a cleaning service's scan has measured, before it decides whether a newer scan
+// superseded it, where a test starts that newer scan.
+void setBeforeScanResult(std::function<void()> hook);
+void beforeScanResult();
 #else
 inline constexpr bool enabled = false;
 inline void beforeOpenDirectory(const std::string&) {}
 inline void setAfterHashing(std::function<void()>) {}
 inline void afterHashing() {}
+inline void setBeforeScanResult(std::function<void()>) {}
+inline void beforeScanResult() {}
 #endif
 
 } // namespace sd::testhooks

@@ -1,15 +1,19 @@
 #include "catalog/CleaningService.h"
 
 #include "base/CleanerError.h"
+#include "base/ParallelFor.h"
 #include "base/Saturating.h"
+#include "base/TestHooks.h"
 #include "catalog/InclusionPreferences.h"
 #include "core/CoreFileSystem.h"
 #include "core/PathRules.h"
+#include "core/Walk.h"
 
 #include <algorithm>
 #include <chrono>
 #include <fnmatch.h>
 #include <sys/stat.h>
+#include <unordered_set>
 
 namespace sd {
 namespace {
@@ -66,10 +70,10 @@ bool mayContainExclusion(const std::vector<std::string>& excludes, const std::st
 
 std::optional<CleanPath> measureItem(const std::string& path, const struct stat& st,
                                      const std::optional<std::string>& targetID,
-                                     const Cancellation& cancel, std::string& problem) {
+                                     const std::stop_token& stop, std::string& problem) {
     std::vector<std::string> warnings;
     FootprintTally tally;
-    Footprint footprint = measureFootprint(path, EntryIdentity::of(st), warnings, tally, cancel);
+    Footprint footprint = measureFootprint(path, EntryIdentity::of(st), warnings, tally, stop);
     if (footprint.vanished) {
         return std::nullopt;
     }
@@ -86,7 +90,8 @@ std::optional<CleanPath> measureItem(const std::string& path, const struct stat&
                      tally.freeable.freeableBytes(),
                      static_cast<std::uint64_t>(st.st_dev),
                      static_cast<std::uint64_t>(st.st_ino),
-                     targetID};
+                     targetID,
+                     static_cast<std::uint32_t>(st.st_mode & S_IFMT)};
 }
 
 // When the (possibly patterned) `location` lies at or below `base`, what remains of it below
@@ -112,28 +117,27 @@ std::optional<std::string> globRemainder(const std::string& location, const std:
 
 } // namespace
 
+// The running operation: it holds the service's operation lock, and its stop follows both the
+// caller's token and the service's cancel().
 class CleaningService::Operation {
 public:
-    explicit Operation(CleaningService& service)
-        : service_(service), guard_(service.operationLock_) {
-        flag_ = std::make_shared<CoreCancellationState>();
+    Operation(CleaningService& service, const std::stop_token& outer)
+        : service_(service), guard_(service.operationLock_), stop_(outer) {
         std::lock_guard lock(service_.activeLock_);
-        service_.active_ = flag_;
+        service_.active_ = &stop_;
     }
     ~Operation() {
         std::lock_guard lock(service_.activeLock_);
-        if (service_.active_ == flag_) {
-            service_.active_.reset();
-        }
+        service_.active_ = nullptr;
     }
     Operation(const Operation&) = delete;
     Operation& operator=(const Operation&) = delete;
-    Cancellation cancellation() const { return Cancellation(flag_.get()); }
+    std::stop_token token() const { return stop_.token(); }
 
 private:
     CleaningService& service_;
     std::lock_guard<std::mutex> guard_;
-    std::shared_ptr<CoreCancellationState> flag_;
+    LinkedStop stop_;
 };
 
 std::string expandTemplate(std::string_view pathTemplate) {
@@ -173,20 +177,20 @@ CleaningService::CleaningService(std::shared_ptr<const VaultPolicy> policy)
 
 void CleaningService::cancel() {
     std::lock_guard lock(activeLock_);
-    if (active_) {
-        active_->cancel();
+    if (active_ != nullptr) {
+        active_->requestStop();
     }
 }
 
 std::optional<ScanResult> CleaningService::scan(const std::vector<Target>& targets,
                                                 const std::map<std::string, bool>& included,
-                                                const Progress& progress) {
+                                                const std::stop_token& stop,
+                                                OperationProgress* progress) {
     std::uint64_t generation = ++generation_;
-    Operation operation(*this);
-    Cancellation cancel = operation.cancellation();
+    Operation operation(*this, stop);
+    const std::stop_token token = operation.token();
     Clock::time_point start = Clock::now();
     ScanResult result;
-    FootprintTally tally;
 
     std::vector<std::pair<const Target*, const PathSpec*>> work;
     for (const Target& target : targets) {
@@ -199,39 +203,70 @@ std::optional<ScanResult> CleaningService::scan(const std::vector<Target>& targe
             }
         }
     }
-    std::map<std::string, std::uint64_t> perTarget;
-    for (size_t i = 0; i < work.size(); ++i) {
-        cancel.check();
-        const auto& [target, path] = work[i];
-        if (progress) {
-            progress({Phase::scanning, static_cast<double>(i) / static_cast<double>(work.size()),
-                      target->title, "Measuring " + displayName(*target, *path), result.totalBytes,
-                      result.itemCount});
-        }
+    if (progress != nullptr) {
+        progress->setPhase("Measuring");
+        progress->setTotal(work.size());
+    }
+
+    // Each location is measured on its own, side by side. A file hard-linked into several
+    // locations is then taken off all but the first of them in catalog order, so the same
+    // location carries it whichever finished first.
+    struct Measured {
         std::uint64_t bytes = 0;
+        std::uint64_t files = 0;
         std::vector<std::string> warnings;
+        HardlinkLedger ledger;
+    };
+    std::vector<Measured> measured(work.size());
+    parallelFor(work.size(), hardwareWorkers(), token, [&](size_t i) {
+        const auto& [target, path] = work[i];
+        Measured& m = measured[i];
         try {
             std::optional<std::string_view> pattern;
             if (path->pattern) {
                 pattern = *path->pattern;
             }
+            FootprintTally tally;
             for (const ResolvedRoot& root :
-                 resolveRoots(path->pathTemplate, pattern, warnings, cancel)) {
+                 resolveRoots(path->pathTemplate, pattern, m.warnings, token)) {
                 Footprint footprint =
-                    measureFootprint(root.path, root.identity, warnings, tally, cancel);
-                bytes = saturatingAdd(bytes, footprint.allocatedBytes);
-                result.itemCount = saturatingAdd(result.itemCount, footprint.fileCount);
+                    measureFootprint(root.path, root.identity, m.warnings, tally, token);
+                m.bytes = saturatingAdd(m.bytes, footprint.allocatedBytes);
+                m.files = saturatingAdd(m.files, footprint.fileCount);
+                if (progress != nullptr) {
+                    progress->addBytes(footprint.allocatedBytes);
+                    progress->addItems(footprint.fileCount);
+                }
             }
+            m.ledger = std::move(tally.ledger);
         } catch (const CleanerError& error) {
             if (error.kind() == CleanerError::Kind::operationCancelled) {
                 throw;
             }
-            warnings.push_back(error.what());
+            m.warnings.push_back(error.what());
         }
-        result.warnings.insert(result.warnings.end(), warnings.begin(), warnings.end());
-        result.perPathBytes.push_back({target->id, path->id.value_or(path->pathTemplate), bytes});
-        perTarget[target->id] = saturatingAdd(perTarget[target->id], bytes);
-        result.totalBytes = saturatingAdd(result.totalBytes, bytes);
+        if (progress != nullptr) {
+            progress->setCurrentPath(target->title);
+            progress->addDone();
+        }
+    });
+    throwIfStopped(token);
+
+    std::unordered_set<EntryIdentity, EntryIdentityHash> carried;
+    std::map<std::string, std::uint64_t> perTarget;
+    for (size_t i = 0; i < work.size(); ++i) {
+        const auto& [target, path] = work[i];
+        Measured& m = measured[i];
+        m.ledger.forEachCounted([&](const EntryIdentity& file, std::uint64_t bytes) {
+            if (!carried.insert(file).second) {
+                m.bytes = saturatingSub(m.bytes, bytes);
+            }
+        });
+        result.itemCount = saturatingAdd(result.itemCount, m.files);
+        result.warnings.insert(result.warnings.end(), m.warnings.begin(), m.warnings.end());
+        result.perPathBytes.push_back({target->id, path->id.value_or(path->pathTemplate), m.bytes});
+        perTarget[target->id] = saturatingAdd(perTarget[target->id], m.bytes);
+        result.totalBytes = saturatingAdd(result.totalBytes, m.bytes);
     }
     for (const Target& target : targets) {
         if (auto found = perTarget.find(target.id); found != perTarget.end()) {
@@ -239,10 +274,13 @@ std::optional<ScanResult> CleaningService::scan(const std::vector<Target>& targe
         }
     }
     result.durationMs = millisecondsSince(start);
-    if (progress) {
-        progress({Phase::scanning, 1.0, std::nullopt, "Scan complete", result.totalBytes,
-                  result.itemCount});
+    if (progress != nullptr) {
+        progress->setPhase("Scan complete");
+        progress->setBytes(result.totalBytes);
+        progress->setFraction(1.0);
+        progress->clearCurrentPath();
     }
+    testhooks::beforeScanResult();
     if (generation != generation_.load()) {
         return std::nullopt; // a newer operation owns the screen now
     }
@@ -364,20 +402,87 @@ CleaningService::buildCandidates(const std::vector<Target>& targets,
     return kept;
 }
 
+namespace {
+
+// Splits a location that holds exclusions into the pieces that move on their own: every entry
+// that is not excluded and holds no exclusion. A folder that may hold one is opened and split
+// further. Stops at the first thing that makes the location unsafe to move in pieces.
+class SplitVisitor {
+public:
+    struct Folder {
+        std::string relative; // below the location, "" for the location itself
+    };
+
+    SplitVisitor(const CacheCleaningCandidate& candidate, dev_t device, size_t cap)
+        : candidate_(candidate), device_(device), cap_(cap) {}
+
+    WalkStep visit(Folder& in, const WalkEntry& entry) {
+        std::string relative =
+            in.relative.empty() ? std::string(entry.name) : in.relative + "/" + entry.name;
+        if (isExcluded(candidate_.excludes, relative)) {
+            return WalkStep::skip;
+        }
+        const struct stat& st = entry.stat();
+        if (st.st_dev != device_) {
+            problem_ = "Kept in place: it is on another volume";
+            return WalkStep::stop;
+        }
+        if (isProtected(entry.path())) {
+            problem_ = "Kept in place: it contains protected or unreadable entries";
+            return WalkStep::stop;
+        }
+        if (S_ISDIR(st.st_mode) && mayContainExclusion(candidate_.excludes, relative)) {
+            return WalkStep::enter;
+        }
+        pieces_.emplace_back(entry.path(), st);
+        if (pieces_.size() > cap_) {
+            problem_ = "Kept in place: it would split into more than " + std::to_string(cap_) +
+                       " separate Trash items";
+            return WalkStep::stop;
+        }
+        return WalkStep::skip;
+    }
+    void enter(Folder& child, Folder& in, const WalkEntry& entry) {
+        child.relative =
+            in.relative.empty() ? std::string(entry.name) : in.relative + "/" + entry.name;
+    }
+    void leave(Folder&, Folder*, const WalkExit&) {}
+    WalkStep problem(Folder&, const std::string&, const CleanerError&) {
+        problem_ = "Kept in place: it contains protected or unreadable entries";
+        return WalkStep::stop;
+    }
+
+    const std::string& problemText() const noexcept { return problem_; }
+    std::vector<std::pair<std::string, struct stat>>& pieces() noexcept { return pieces_; }
+
+private:
+    const CacheCleaningCandidate& candidate_;
+    dev_t device_;
+    size_t cap_;
+    std::string problem_;
+    std::vector<std::pair<std::string, struct stat>> pieces_;
+};
+
+} // namespace
+
 CleanPlan CleaningService::plan(const std::vector<CacheCleaningCandidate>& candidates,
-                                const Progress& progress) {
-    Operation operation(*this);
-    Cancellation cancel = operation.cancellation();
+                                const std::stop_token& stop, OperationProgress* progress) {
+    Operation operation(*this, stop);
+    const std::stop_token token = operation.token();
     CleanPlan plan;
+    if (progress != nullptr) {
+        progress->setPhase("Measuring what moving to the Trash would free");
+        progress->setTotal(candidates.size());
+    }
     for (size_t index = 0; index < candidates.size(); ++index) {
-        cancel.check();
+        throwIfStopped(token);
         const CacheCleaningCandidate& c = candidates[index];
-        if (progress) {
-            progress({Phase::cleaning,
-                      static_cast<double>(index) /
-                          static_cast<double>(std::max<size_t>(candidates.size(), 1)),
-                      c.targetID, "Measuring what emptying the Trash frees",
-                      plan.plannedFreeableBytes, plan.paths.size()});
+        if (progress != nullptr) {
+            progress->setCurrentPath(c.path);
+            progress->setBytes(plan.plannedFreeableBytes);
+            progress->setItems(plan.paths.size());
+            progress->setFraction(static_cast<double>(index) /
+                                  static_cast<double>(std::max<size_t>(candidates.size(), 1)));
         }
         try {
             validateOperablePath(c.path);
@@ -397,7 +502,7 @@ CleanPlan CleaningService::plan(const std::vector<CacheCleaningCandidate>& candi
         }
         std::string problem;
         if (c.excludes.empty() && !c.preserveRoot) {
-            if (auto item = measureItem(c.path, *st, c.targetID, cancel, problem)) {
+            if (auto item = measureItem(c.path, *st, c.targetID, token, problem)) {
                 plan.plannedFreeableBytes =
                     saturatingAdd(plan.plannedFreeableBytes, item->freeableBytes);
                 plan.paths.push_back(std::move(*item));
@@ -410,80 +515,38 @@ CleanPlan CleaningService::plan(const std::vector<CacheCleaningCandidate>& candi
             continue;
         }
 
-        // Split: every entry that is not excluded and holds no exclusion moves on its own.
-        const size_t cap = c.preserveRoot ? 2000 : 500;
-        struct Level {
-            UniqueFd fd;
-            std::string relative;
-            std::vector<std::string> names;
-            size_t next = 0;
-        };
-        std::vector<std::pair<std::string, struct stat>> pieces;
-        std::vector<Level> stack;
+        SplitVisitor split(c, st->st_dev, c.preserveRoot ? 2000 : 500);
         try {
-            UniqueFd rootFd = openListing(parent->fd.get(), parent->name.c_str());
-            struct stat opened {};
-            if (!rootFd || ::fstat(rootFd.get(), &opened) != 0 || opened.st_ino != st->st_ino) {
-                throw CleanerError::safety(
-                    "Kept in place: it contains protected or unreadable entries");
+            UniqueFd rootFd = openListedFolder(parent->fd.get(), parent->name.c_str(), c.path, *st);
+            if (!rootFd) {
+                continue;
             }
-            stack.push_back({std::move(rootFd), "", {}, 0});
-            stack.back().names = listDirectory(stack.back().fd.get(), c.path, cancel);
-            while (!stack.empty() && problem.empty()) {
-                Level& level = stack.back();
-                if (level.next >= level.names.size()) {
-                    stack.pop_back();
-                    continue;
-                }
-                cancel.check();
-                const std::string& name = level.names[level.next++];
-                std::string relative = level.relative.empty() ? name : level.relative + "/" + name;
-                std::string full = c.path + "/" + relative;
-                std::optional<struct stat> entry = statEntry(level.fd.get(), name.c_str(), full);
-                if (!entry || isExcluded(c.excludes, relative)) {
-                    continue;
-                }
-                if (entry->st_dev != st->st_dev) {
-                    problem = "Kept in place: it is on another volume";
-                } else if (isProtected(full)) {
-                    problem = "Kept in place: it contains protected or unreadable entries";
-                } else if (S_ISDIR(entry->st_mode) && mayContainExclusion(c.excludes, relative)) {
-                    UniqueFd child = openListing(level.fd.get(), name.c_str());
-                    struct stat childStat {};
-                    if (!child || ::fstat(child.get(), &childStat) != 0 ||
-                        childStat.st_ino != entry->st_ino) {
-                        problem = "Kept in place: it contains protected or unreadable entries";
-                        continue;
-                    }
-                    Level next{std::move(child), relative, {}, 0};
-                    next.names = listDirectory(next.fd.get(), full, cancel);
-                    stack.push_back(std::move(next)); // `level` may dangle from here on
-                } else {
-                    pieces.emplace_back(full, *entry);
-                    if (pieces.size() > cap) {
-                        problem = "Kept in place: it would split into more than " +
-                                  std::to_string(cap) + " separate Trash items";
-                    }
-                }
+            SplitVisitor::Folder root;
+            WalkOptions options;
+            options.utf8Names = true;
+            options.stop = token;
+            if (walkFolder(split, root, std::move(rootFd), c.path, options) == WalkEnd::cancelled) {
+                throw CleanerError::cancelled();
             }
         } catch (const CleanerError& error) {
             if (error.kind() == CleanerError::Kind::operationCancelled) {
                 throw;
             }
-            problem = "Kept in place: it contains protected or unreadable entries";
-        }
-        if (!problem.empty()) {
-            plan.errors.push_back({c.path, problem});
+            plan.errors.push_back({c.path, "Kept in place: it contains protected or unreadable "
+                                           "entries"});
             continue;
         }
+        problem = split.problemText();
         std::vector<CleanPath> items;
-        for (const auto& [piece, pieceStat] : pieces) {
+        for (const auto& [piece, pieceStat] : split.pieces()) {
+            if (!problem.empty()) {
+                break;
+            }
             std::string pieceProblem;
-            if (auto item = measureItem(piece, pieceStat, c.targetID, cancel, pieceProblem)) {
+            if (auto item = measureItem(piece, pieceStat, c.targetID, token, pieceProblem)) {
                 items.push_back(std::move(*item));
             } else if (!pieceProblem.empty()) {
                 problem = pieceProblem;
-                break;
             }
         }
         if (!problem.empty()) {
@@ -500,9 +563,9 @@ CleanPlan CleaningService::plan(const std::vector<CacheCleaningCandidate>& candi
 }
 
 CleanResult CleaningService::clean(const CleanPlan& plan, const JournalRecording& recording,
-                                   const Progress& progress) {
-    Operation operation(*this);
-    Cancellation cancel = operation.cancellation();
+                                   const std::stop_token& stop, OperationProgress* progress) {
+    Operation operation(*this, stop);
+    const std::stop_token token = operation.token();
     Clock::time_point start = Clock::now();
     CleanResult result;
     if (plan.paths.empty()) {
@@ -523,25 +586,17 @@ CleanResult CleaningService::clean(const CleanPlan& plan, const JournalRecording
         const CleanPath& planned = plan.paths[i];
         if (item.denied) {
             result.errors.push_back({planned.url, std::string(denyText(*item.denied))});
-        } else if (item.dev != planned.dev || item.ino != planned.ino) {
+        } else if (item.identity() != planned.identity()) {
             result.errors.push_back(
                 {planned.url, stayedNote(planned.url, VaultDenyReason::identityChanged)});
         } else {
             ticked.push_back(i);
         }
     }
-    MoveOutcome outcome = vault.move(
-        vaultPlan, ticked,
-        [&](const VaultMoveProgress& p) {
-            if (progress) {
-                progress({Phase::cleaning,
-                          p.total == 0
-                              ? 1.0
-                              : static_cast<double>(p.finished) / static_cast<double>(p.total),
-                          std::nullopt, "Moving to the Trash", p.movedBytes, p.moved});
-            }
-        },
-        cancel);
+    if (progress != nullptr) {
+        progress->setPhase("Moving to the Trash");
+    }
+    MoveOutcome outcome = vault.move(vaultPlan, ticked, token, progress);
     for (const std::string& note : outcome.notes) {
         std::string path = note.substr(0, note.find(": "));
         result.errors.push_back({path == note ? std::string() : path, note});

@@ -1,7 +1,8 @@
 #pragma once
 
+#include "base/Progress.h"
+#include "base/Stop.h"
 #include "catalog/Catalog.h"
-#include "core/Cancellation.h"
 #include "reclaim/ReclaimJournal.h"
 #include "reclaim/VaultService.h"
 
@@ -37,17 +38,6 @@ struct ScanResult {
     std::uint64_t itemCount = 0;
 };
 
-enum class Phase { scanning, cleaning, scanningLeftovers, cleaningLeftovers };
-
-struct ProgressEvent {
-    Phase phase = Phase::scanning;
-    double fraction = 0;
-    std::optional<std::string> currentTarget;
-    std::string message;
-    std::uint64_t bytesProcessed = 0;
-    std::uint64_t itemsProcessed = 0;
-};
-
 struct CacheCleaningCandidate {
     std::string path;
     std::vector<std::string> excludes; // relative globs below `path` that stay
@@ -62,6 +52,9 @@ struct CleanPath {
     std::uint64_t dev = 0;
     std::uint64_t ino = 0;
     std::optional<std::string> targetID;
+    std::uint32_t fileType = 0; // the S_IFMT bits
+
+    EntryIdentity identity() const noexcept { return {dev, ino, fileType}; }
 };
 
 struct CleanError {
@@ -108,17 +101,19 @@ std::string resolveDisabledPath(const PathSpec& path);
 
 // Measures catalog targets, plans what a clean would move and moves it through the vault. One
 // operation runs at a time; a result of an operation that a newer one superseded is dropped.
+// Each operation stops when its caller's token asks or when cancel() is called, and reports
+// through `progress`: the phase ("Measuring Chrome"), the item at hand, bytes and items so far.
 class CleaningService {
 public:
-    using Progress = std::function<void(const ProgressEvent&)>;
-
     explicit CleaningService(std::shared_ptr<const VaultPolicy> policy);
 
-    // Measures every enabled path of `targets` whose target and path ids `included` allows.
-    // Empty when a newer operation started meanwhile. Throws "Operation cancelled".
+    // Measures every enabled path of `targets` whose target and path ids `included` allows, the
+    // paths side by side on the machine's cores. Empty when a newer operation started meanwhile.
+    // Throws "Operation cancelled".
     std::optional<ScanResult> scan(const std::vector<Target>& targets,
                                    const std::map<std::string, bool>& included,
-                                   const Progress& progress = {});
+                                   const std::stop_token& stop = {},
+                                   OperationProgress* progress = nullptr);
 
     // The locations a clean of `targets` would consider, with what the person switched off
     // (`cleanIncluded`) turned into exclusions. Problems land in `errors`.
@@ -129,24 +124,27 @@ public:
 
     // The exact items a clean would move, each pinned by device and inode.
     CleanPlan plan(const std::vector<CacheCleaningCandidate>& candidates,
-                   const Progress& progress = {});
+                   const std::stop_token& stop = {}, OperationProgress* progress = nullptr);
 
     // Moves the plan's items to the Trash through the vault, which checks each again right
     // before it moves, and writes the move down.
     CleanResult clean(const CleanPlan& plan, const JournalRecording& recording,
-                      const Progress& progress = {});
+                      const std::stop_token& stop = {}, OperationProgress* progress = nullptr);
 
     // Stops the running operation; it ends with "Operation cancelled".
     void cancel();
 
     const VaultPolicy& policy() const noexcept { return *policy_; }
+    // How many scans were asked for so far; a scan whose number is no longer the latest drops
+    // its result.
+    std::uint64_t scansRequested() const noexcept { return generation_.load(); }
 
 private:
     class Operation;
     std::shared_ptr<const VaultPolicy> policy_;
     std::mutex operationLock_;
     std::mutex activeLock_;
-    std::shared_ptr<CoreCancellationState> active_;
+    LinkedStop* active_ = nullptr; // the running operation's stop, under activeLock_
     std::atomic<std::uint64_t> generation_{0};
 };
 

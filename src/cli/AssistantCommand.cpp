@@ -92,8 +92,8 @@ std::optional<IntelligenceProvider> providerFor(const Options& options, int& exi
 // Finds and probes the tool, with progress; a sentence and status 1 when it is not there.
 std::optional<IntelligenceProbe> probeFor(IntelligenceProvider provider, int& exitStatus) {
     std::optional<IntelligenceProbe> probe;
-    runStoppable([&](std::stop_token stop) { probe = probeProvider(provider, {}, stop); },
-                 [&] { return "Looking for " + std::string(displayName(provider)) + "…"; });
+    runWithProgress([&](std::stop_token stop) { probe = probeProvider(provider, {}, stop); },
+                    [&] { return "Looking for " + std::string(displayName(provider)) + "…"; });
     if (!probe) {
         std::fprintf(stderr, "%s: %s. Nothing was sent.\n",
                      std::string(displayName(provider)).c_str(),
@@ -135,8 +135,8 @@ void explainOrAsk(const Options& options, AssistantQuestion question,
     StatusLine status;
     try {
         status.set("Measuring…");
-        runStoppable([&](std::stop_token stop) { question.facts = measure(stop); },
-                     [&] { return status.get(); });
+        runWithProgress([&](std::stop_token stop) { question.facts = measure(stop); },
+                        [&] { return status.get(); });
     } catch (const CleanerError& error) {
         std::fprintf(stderr, "%s\n", error.what());
         exitStatus = 1;
@@ -161,7 +161,7 @@ void explainOrAsk(const Options& options, AssistantQuestion question,
         return;
     }
     AssistantResult result;
-    runStoppable(
+    runWithProgress(
         [&](std::stop_token stop) { result = askAssistant(*provider, *probe, question, stop); },
         [&] { return "Waiting for " + std::string(displayName(*provider)) + "…"; });
     if (result.outcome != AssistantResult::Outcome::answered) {
@@ -208,7 +208,7 @@ void status(const Options& options) {
     }
     std::optional<IntelligenceProvider> chosen = chosenProvider(platform::UserDefaults::standard());
     std::vector<std::pair<IntelligenceProvider, IntelligenceProviderStatus>> found;
-    runStoppable(
+    runWithProgress(
         [&](std::stop_token stop) {
             for (IntelligenceProvider provider : providers) {
                 found.emplace_back(provider, statusOf(probeProvider(provider, {}, stop)));
@@ -246,8 +246,9 @@ void test(const Options& options, int& exitStatus) {
         return;
     }
     IntelligenceTestState state;
-    runStoppable([&](std::stop_token stop) { state = runConnectionTest(*provider, *probe, stop); },
-                 [&] { return "Testing " + std::string(displayName(*provider)) + "…"; });
+    runWithProgress(
+        [&](std::stop_token stop) { state = runConnectionTest(*provider, *probe, stop); },
+        [&] { return "Testing " + std::string(displayName(*provider)) + "…"; });
     const std::string name(displayName(*provider));
     if (const auto* passed = std::get_if<TestPassed>(&state)) {
         if (options.json) {

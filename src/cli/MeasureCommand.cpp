@@ -44,15 +44,15 @@ std::string escapeGlob(std::string_view path) {
     return out;
 }
 
-Measurement measureOne(const std::string& argument, CoreCancellationState& cancellation,
-                       MeasureProgress& progress) {
+Measurement measureOne(const std::string& argument, const std::stop_token& stop,
+                       OperationProgress& progress) {
     Measurement result;
     result.path = argument;
     try {
         std::string normalized = normalizePath(argument);
         result.path = normalized;
-        std::vector<ResolvedRoot> roots = resolveRoots(
-            escapeGlob(normalized), std::nullopt, result.warnings, Cancellation(&cancellation));
+        std::vector<ResolvedRoot> roots =
+            resolveRoots(escapeGlob(normalized), std::nullopt, result.warnings, stop);
         if (roots.empty()) {
             if (result.warnings.empty()) {
                 result.error =
@@ -66,8 +66,8 @@ Measurement measureOne(const std::string& argument, CoreCancellationState& cance
         }
         FootprintTally tally;
         for (const ResolvedRoot& root : roots) {
-            Footprint footprint = measureFootprint(root.path, root.identity, result.warnings, tally,
-                                                   Cancellation(&cancellation), &progress);
+            Footprint footprint =
+                measureFootprint(root.path, root.identity, result.warnings, tally, stop, &progress);
             result.allocatedBytes += footprint.allocatedBytes;
             result.fileCount += footprint.fileCount;
             result.directoryCount += footprint.directoryCount;
@@ -126,24 +126,21 @@ void addMeasureCommand(CLI::App& app, int& exitStatus) {
         ->required();
     command->add_flag("--json", options->json, "Write the results as JSON");
     command->callback([options, &exitStatus] {
-        CoreCancellationState cancellation;
-        MeasureProgress progress;
+        OperationProgress progress;
         std::vector<Measurement> results;
         runWithProgress(
-            [&] {
+            [&](std::stop_token stop) {
                 for (const std::string& path : options->paths) {
-                    results.push_back(measureOne(path, cancellation, progress));
-                    if (cancellation.isCancelled()) {
+                    results.push_back(measureOne(path, stop, progress));
+                    if (stop.stop_requested()) {
                         break;
                     }
                 }
             },
             [&] {
-                return "Measuring… " +
-                       formatCount(progress.entries.load(std::memory_order_relaxed)) + " items, " +
-                       formatBytes(progress.allocatedBytes.load(std::memory_order_relaxed));
-            },
-            cancellation);
+                OperationProgress::Reading now = progress.read();
+                return "Measuring… " + formatCount(now.items) + " items, " + formatBytes(now.bytes);
+            });
         for (const Measurement& m : results) {
             if (m.error) {
                 exitStatus = 1;

@@ -84,19 +84,11 @@ void runTrash(const TrashOptions& options, int& exitStatus) {
 
     auto policy = std::make_shared<const VaultPolicy>(homeDirectory());
     VaultService vault = VaultService::standard(policy);
-    CoreCancellationState cancellation;
     VaultPlan plan;
-    std::atomic<std::uint64_t> entries{0};
-    VaultMeter meter(requested.size(), [&](const VaultMeter::Reading& r) {
-        entries.store(r.entries, std::memory_order_relaxed);
-    });
-    runWithProgress([&] { plan = vault.planner(requested, {}, &meter); },
-                    [&] {
-                        return "Checking… " + formatCount(entries.load(std::memory_order_relaxed)) +
-                               " items examined";
-                    },
-                    cancellation);
-    meter.stop();
+    OperationProgress checking;
+    runWithProgress(
+        [&](std::stop_token) { plan = vault.planner(requested, {}, &checking); },
+        [&] { return "Checking… " + formatCount(checking.read().items) + " items examined"; });
 
     std::vector<size_t> ticked;
     std::uint64_t tickedBytes = 0;
@@ -148,9 +140,14 @@ void runTrash(const TrashOptions& options, int& exitStatus) {
             }
         }
         if (!declined) {
+            OperationProgress moving;
             runWithProgress(
-                [&] { outcome = vault.move(plan, ticked, {}, Cancellation(&cancellation)); },
-                [] { return std::string("Moving to the Trash…"); }, cancellation);
+                [&](std::stop_token stop) { outcome = vault.move(plan, ticked, stop, &moving); },
+                [&] {
+                    OperationProgress::Reading now = moving.read();
+                    return "Moving to the Trash… " + formatCount(now.done) + " of " +
+                           formatCount(now.total);
+                });
             std::vector<TrashedItem> items;
             for (const MovedItem& moved : outcome.moved) {
                 items.push_back({moved.originalPath, moved.trashPath, moved.bytes,
@@ -324,12 +321,11 @@ void addPutBackCommand(CLI::App& app, int& exitStatus) {
             std::printf("%s. %s\n", putBackProgressText(waiting).c_str(),
                         std::string(putBackConfirmationText).c_str());
         }
-        CoreCancellationState cancellation;
         TrashRestoreResult result;
         try {
             runWithProgress(
-                [&] { result = journal.putBack(id, options->group, Cancellation(&cancellation)); },
-                [waiting] { return putBackProgressText(waiting); }, cancellation);
+                [&](std::stop_token stop) { result = journal.putBack(id, options->group, stop); },
+                [waiting] { return putBackProgressText(waiting); });
         } catch (const CleanerError& error) {
             std::fprintf(stderr, "%s Nothing was put back.\n", error.what());
             exitStatus = 1;

@@ -28,8 +28,8 @@ std::string dump(const json& value) {
 }
 
 // Dates in --json are UTC in ISO 8601, as the journal writes them.
-std::string isoDate(double seconds) {
-    auto whole = static_cast<std::time_t>(std::floor(seconds));
+std::string isoDate(const Timestamp& time) {
+    auto whole = static_cast<std::time_t>(time.sec);
     std::tm utc{};
     ::gmtime_r(&whole, &utc);
     char text[32];
@@ -37,32 +37,16 @@ std::string isoDate(double seconds) {
     return text;
 }
 
-// The latest progress a search reported, for the status line the main thread draws.
-class ProgressBox {
-public:
-    ReviewProgressCallback callback() {
-        return [this](const ReviewProgress& p) {
-            std::lock_guard guard(lock_);
-            last_ = p;
-        };
-    }
-    std::string text() {
-        std::lock_guard guard(lock_);
-        return reviewProgressText(last_);
-    }
-
-private:
-    std::mutex lock_;
-    ReviewProgress last_;
-};
+std::string isoDate(double seconds) {
+    return isoDate(Timestamp::fromSeconds(seconds));
+}
 
 // Runs a search with live progress; a failure is a sentence on standard error and status 1.
 template <typename Search> bool runSearch(Search search, int& exitStatus) {
-    CoreCancellationState cancellation;
-    ProgressBox box;
+    OperationProgress progress;
     try {
-        runWithProgress([&] { search(Cancellation(&cancellation), box.callback()); },
-                        [&] { return box.text(); }, cancellation);
+        runWithProgress([&](std::stop_token stop) { search(stop, &progress); },
+                        [&] { return reviewProgressText(progress.read()); });
     } catch (const CleanerError& error) {
         std::fprintf(stderr, "%s\n", error.what());
         exitStatus = 1;
@@ -221,12 +205,12 @@ void addDuplicatesCommand(CLI::App& app, int& exitStatus) {
         DuplicateScope scope{options->folder.empty() ? home : options->folder, home};
         DuplicateReport report;
         bool done = runSearch(
-            [&](const Cancellation& cancel, const ReviewProgressCallback& progress) {
+            [&](const std::stop_token& stop, OperationProgress* progress) {
                 DuplicateComparer comparer;
                 comparer.options = DuplicateOptions{};
                 comparer.candidates =
-                    collectDuplicateCandidates(scope, comparer.options, cancel, progress);
-                comparer.cancel = cancel;
+                    collectDuplicateCandidates(scope, comparer.options, stop, progress);
+                comparer.stop = stop;
                 comparer.progress = progress;
                 report = comparer.compare();
             },
@@ -272,9 +256,9 @@ void addLargeOldCommand(CLI::App& app, int& exitStatus) {
         }
         LargeOldReport report;
         bool done = runSearch(
-            [&](const Cancellation& cancel, const ReviewProgressCallback& progress) {
+            [&](const std::stop_token& stop, OperationProgress* progress) {
                 LargeOldFinder run = finder;
-                run.cancel = cancel;
+                run.stop = stop;
                 run.progress = progress;
                 report = run.find();
             },

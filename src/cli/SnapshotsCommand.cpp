@@ -57,8 +57,8 @@ json snapshotsJson(const std::vector<LocalSnapshot>& snapshots) {
 
 LocalSnapshotListing listWithProgress(const platform::LocalSnapshotTool& tool) {
     LocalSnapshotListing listing;
-    runStoppable([&](std::stop_token stop) { listing = tool.list(stop); },
-                 [&] { return "Asking " + std::string(tool.toolName()) + "…"; });
+    runWithProgress([&](std::stop_token stop) { listing = tool.list(stop); },
+                    [&] { return "Asking " + std::string(tool.toolName()) + "…"; });
     return listing;
 }
 
@@ -117,7 +117,7 @@ void remove(const std::vector<std::string>& stamps, bool acknowledged, bool asJs
     }
     OperationProgress progress;
     SnapshotDeletionOutcome outcome;
-    runStoppable(
+    runWithProgress(
         [&](std::stop_token stop) {
             outcome = deleteSnapshots(*tool, listing.snapshots,
                                       {{stamps.begin(), stamps.end()}, true}, progress, stop);

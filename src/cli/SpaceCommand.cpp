@@ -23,39 +23,15 @@ struct SpaceOptions {
     int depth = defaultSpaceScanOptions.maxDepth;
 };
 
-// Hears the scan on its own thread and hands the news to the line the terminal redraws.
-class TerminalCallback : public SpaceScanCallback {
-public:
-    explicit TerminalCallback(const CoreCancellationState& cancellation)
-        : cancellation_(cancellation) {}
-
-    void onProgress(const SpaceProgressEvent& event) override {
-        std::lock_guard guard(lock_);
-        if (event.kind == SpaceProgressEvent::Kind::bigItem) {
-            found_.push_back("Found " + formatBytes(event.bytes) + " in " + event.path);
-        } else if (event.kind == SpaceProgressEvent::Kind::progress) {
-            status_ = "Scanning… " + event.text;
-        }
+// The line the terminal redraws while a scan runs, with the big finds since the last call each
+// on a line of its own above it.
+std::string scanStatus(OperationProgress& progress) {
+    std::string out;
+    for (const OperationProgress::Notice& notice : progress.takeNotices()) {
+        out += "Found " + formatBytes(notice.bytes) + " in " + notice.path + "\n";
     }
-    bool isCancelled() const noexcept override { return cancellation_.isCancelled(); }
-
-    // Big finds since the last call, each on a line of its own, then the status.
-    std::string drain() {
-        std::lock_guard guard(lock_);
-        std::string out;
-        for (const std::string& line : found_) {
-            out += line + "\n";
-        }
-        found_.clear();
-        return out + status_;
-    }
-
-private:
-    const CoreCancellationState& cancellation_;
-    std::mutex lock_;
-    std::vector<std::string> found_;
-    std::string status_ = "Scanning…";
-};
+    return out + "Scanning… " + formatCount(progress.read().items) + " items scanned";
+}
 
 nlohmann::json toJson(const SpaceNode& node) {
     nlohmann::json children = nlohmann::json::array();
@@ -187,17 +163,16 @@ void addSpaceCommand(CLI::App& app, int& exitStatus) {
                      "Levels of folders below the root shown as their own items (default 6)")
         ->check(CLI::Range(1, SpaceTreeScanner::maxNestingDepth));
     command->callback([options, &exitStatus] {
-        CoreCancellationState cancellation;
-        TerminalCallback callback(cancellation);
         SpaceTreeScanner scanner;
         scanner.options.maxDepth = options->depth;
         scanner.budget = options->budget;
-        scanner.callback = &callback;
         std::string root = options->path.empty() ? homeDirectory() : options->path;
         SpaceScanResult result;
+        OperationProgress progress;
         try {
-            runWithProgress([&] { result = scanner.scan(root); }, [&] { return callback.drain(); },
-                            cancellation);
+            runWithProgress(
+                [&](std::stop_token stop) { result = scanner.scan(root, stop, &progress); },
+                [&] { return scanStatus(progress); });
         } catch (const CleanerError& error) {
             std::fprintf(stderr, "%s — nothing was measured.\n", error.what());
             exitStatus = 1;

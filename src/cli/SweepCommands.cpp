@@ -29,17 +29,6 @@ std::shared_ptr<const VaultPolicy> standardPolicy() {
     return std::make_shared<const VaultPolicy>(homeDirectory());
 }
 
-std::string formatDuration(double seconds) {
-    char text[32];
-    if (seconds < 60) {
-        std::snprintf(text, sizeof text, "%.1f s", seconds);
-    } else {
-        std::snprintf(text, sizeof text, "%d min %02d s", static_cast<int>(seconds) / 60,
-                      static_cast<int>(std::lround(seconds)) % 60);
-    }
-    return text;
-}
-
 json tileJson(const SweepTile& tile) {
     json targets = json::array();
     for (const Target& t : tile.targets) {
@@ -112,28 +101,22 @@ void runSweep(const SweepOptions& options, int& exitStatus) {
         reclaimKinds.insert(*kind);
     }
 
-    CoreCancellationState cancellation;
-    std::mutex lock;
-    SweepProgress latest;
-    runWithProgress(
-        [&] {
-            sweep.run(
-                [&](const SweepProgress& p) {
-                    std::lock_guard guard(lock);
-                    latest = p;
-                },
-                Cancellation(&cancellation));
-        },
-        [&] {
-            std::lock_guard guard(lock);
-            std::uint64_t bytes = 0;
-            for (const auto& [kind, b] : latest.moduleBytes) {
-                bytes += b;
-            }
-            return "Sweeping… " + std::to_string(static_cast<int>(latest.fraction * 100)) + "% · " +
-                   formatBytes(bytes) + (latest.currentPath ? " · " + *latest.currentPath : "");
-        },
-        cancellation);
+    SweepProgress progress;
+    runWithProgress([&](std::stop_token stop) { sweep.run(stop, &progress); },
+                    [&] {
+                        std::uint64_t bytes = 0;
+                        std::optional<std::string> current;
+                        for (SweepTileKind kind : allTileKinds) {
+                            OperationProgress::Reading tile = progress.tile(kind).read();
+                            bytes += tile.bytes;
+                            if (tile.fraction < 1.0 && tile.currentPath) {
+                                current = tile.currentPath;
+                            }
+                        }
+                        return "Sweeping… " +
+                               std::to_string(static_cast<int>(progress.fraction() * 100)) +
+                               "% · " + formatBytes(bytes) + (current ? " · " + *current : "");
+                    });
 
     std::uint64_t comesBack = 0;
     for (const SweepTile& tile : sweep.tiles()) {
@@ -298,39 +281,24 @@ void runClean(const CleanOptions& options, int& exitStatus) {
     platform::UserDefaults store = platform::UserDefaults::standard();
     InclusionPreferences prefs = loadInclusionPreferences(store);
     CleaningService service(standardPolicy());
-    CoreCancellationState cancellation;
-    std::mutex lock;
-    ProgressEvent latest;
-    auto remember = [&](const ProgressEvent& e) {
-        std::lock_guard guard(lock);
-        latest = e;
-    };
+    OperationProgress progress;
     auto status = [&] {
-        std::lock_guard guard(lock);
-        return latest.message + " · " + std::to_string(static_cast<int>(latest.fraction * 100)) +
-               "%";
+        OperationProgress::Reading now = progress.read();
+        return now.phase + " · " + std::to_string(static_cast<int>(now.fraction * 100)) + "%";
     };
     std::optional<ScanResult> before;
     CleanPlan plan;
     try {
         runWithProgress(
-            [&] {
-                std::jthread stopper([&](std::stop_token stop) {
-                    while (!stop.stop_requested()) {
-                        if (cancellation.isCancelled()) {
-                            service.cancel();
-                        }
-                        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-                    }
-                });
-                before = service.scan(selected, prefs.scan, remember);
+            [&](std::stop_token stop) {
+                before = service.scan(selected, prefs.scan, stop, &progress);
                 std::vector<CleanError> errors;
                 std::vector<CacheCleaningCandidate> candidates =
                     service.buildCandidates(selected, prefs.clean, errors);
-                plan = service.plan(candidates, remember);
+                plan = service.plan(candidates, stop, &progress);
                 plan.errors.insert(plan.errors.begin(), errors.begin(), errors.end());
             },
-            status, cancellation);
+            status);
     } catch (const CleanerError& error) {
         std::fprintf(stderr, "Scan did not complete: %s\nNothing was moved.\n", error.what());
         exitStatus = 1;
@@ -380,9 +348,12 @@ void runClean(const CleanOptions& options, int& exitStatus) {
         try {
             journal.load();
             JournalRecording recording{&journal, "Cleanup", JournalKind::caches, std::nullopt, {}};
-            runWithProgress([&] { result = service.clean(plan, recording, remember); }, status,
-                            cancellation);
-            after = service.scan(selected, prefs.scan, {});
+            runWithProgress(
+                [&](std::stop_token stop) {
+                    result = service.clean(plan, recording, stop, &progress);
+                },
+                status);
+            after = service.scan(selected, prefs.scan);
         } catch (const CleanerError& error) {
             std::fprintf(stderr, "Verification did not complete: %s\n", error.what());
             exitStatus = 1;

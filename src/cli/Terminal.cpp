@@ -30,18 +30,8 @@ bool progressVisible() {
     return ::isatty(STDERR_FILENO) == 1;
 }
 
-void runWithProgress(const std::function<void()>& work, const std::function<std::string()>& status,
-                     CoreCancellationState& cancellation) {
-    runStoppable(
-        [&](std::stop_token stop) {
-            std::stop_callback forward(stop, [&] { cancellation.cancel(); });
-            work();
-        },
-        status);
-}
-
-void runStoppable(const std::function<void(std::stop_token)>& work,
-                  const std::function<std::string()>& status) {
+void runWithProgress(const std::function<void(std::stop_token)>& work,
+                     const std::function<std::string()>& status) {
     interrupted = 0;
     struct sigaction action {};
     action.sa_handler = &onInterrupt;
@@ -53,10 +43,9 @@ void runStoppable(const std::function<void(std::stop_token)>& work,
     std::condition_variable done;
     bool finished = false;
     std::exception_ptr failure;
-    std::stop_source stop;
-    std::jthread worker([&] {
+    std::jthread worker([&](std::stop_token stop) {
         try {
-            work(stop.get_token());
+            work(stop);
         } catch (...) {
             failure = std::current_exception();
         }
@@ -71,7 +60,7 @@ void runStoppable(const std::function<void(std::stop_token)>& work,
     for (std::unique_lock guard(lock);
          !done.wait_for(guard, std::chrono::milliseconds(50), [&] { return finished; });) {
         if (interrupted != 0) {
-            stop.request_stop();
+            worker.request_stop();
         }
         if (draw && ++tick % 4 == 0) {
             std::string line = status();

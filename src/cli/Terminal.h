@@ -1,7 +1,5 @@
 #pragma once
 
-#include "core/Cancellation.h"
-
 #include <atomic>
 #include <chrono>
 #include <functional>
@@ -18,12 +16,9 @@ bool confirm(const std::string& question);
 bool progressVisible();
 
 // Runs `work` on a worker thread while the calling thread redraws one status line a few times a
-// second from `status` (only on a terminal) and turns Ctrl-C into a Stop.
-void runWithProgress(const std::function<void()>& work, const std::function<std::string()>& status,
-                     CoreCancellationState& cancellation);
-
-// The same for work that takes a stop token: Ctrl-C requests the stop.
-void runStoppable(const std::function<void(std::stop_token)>& work,
-                  const std::function<std::string()>& status);
+// second from `status` (only on a terminal) and turns Ctrl-C into a request to stop `work`'s
+// token. What `work` throws is thrown here once it has ended.
+void runWithProgress(const std::function<void(std::stop_token)>& work,
+                     const std::function<std::string()>& status);
 
 } // namespace sd::cli

@@ -1,6 +1,8 @@
 #include "core/ByteFormat.h"
 
+#include <algorithm>
 #include <array>
+#include <cmath>
 #include <cstdio>
 
 namespace sd {
@@ -35,6 +37,23 @@ std::string formatCount(std::uint64_t count) {
         out.push_back(digits[i]);
     }
     return out;
+}
+
+std::string formatDuration(double seconds) {
+    if (!(seconds >= 0)) {
+        seconds = 0; // negative or not a number: nothing measurable
+    }
+    char text[32];
+    // Tenths below a minute, whole seconds above; the rounding decides which side a value is on.
+    if (std::round(seconds * 10) < 600) {
+        std::snprintf(text, sizeof text, "%.1f s", seconds);
+        return text;
+    }
+    const auto total = static_cast<std::uint64_t>(std::llround(std::min(seconds, 1e15)));
+    std::snprintf(text, sizeof text, "%llu min %02llu s",
+                  static_cast<unsigned long long>(total / 60),
+                  static_cast<unsigned long long>(total % 60));
+    return text;
 }
 
 } // namespace sd

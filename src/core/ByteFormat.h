@@ -12,4 +12,8 @@ std::string formatBytes(std::uint64_t bytes);
 // A count with thousands separated by commas: "1,234,567".
 std::string formatCount(std::uint64_t count);
 
+// A duration as a person reads it: "0.4 s", "59.9 s", "2 min 00 s", "61 min 05 s". Rounded once,
+// so 119.6 s reads "2 min 00 s", never "1 min 00 s".
+std::string formatDuration(double seconds);
+
 } // namespace sd

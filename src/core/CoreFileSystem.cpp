@@ -5,10 +5,12 @@
 #include "base/OpenFlags.h"
 #include "base/PathText.h"
 #include "base/Saturating.h"
+#include "base/Stop.h"
 #include "core/MockRoots.h"
 #include "core/PathRules.h"
 #include "platform/CloneAttributes.h"
 #include "platform/DirectoryReader.h"
+#include "platform/FileSystemExtras.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -20,14 +22,6 @@
 
 namespace sd {
 namespace {
-
-// Opens a child directory that a listing just described and proves it is the same directory.
-// Empty when it vanished in between. A link, a file or another directory in its place is a race
-// or an attack and stops the walk.
-UniqueFd openCheckedDirectory(int parentFd, const std::string& parentPath, const char* name,
-                              const struct stat& listed, int flags) {
-    return openListedFolder(parentFd, name, childPath(parentPath, name), listed, flags);
-}
 
 // A component with an unescaped "*", "?" or "[", or ending in a lone backslash, is matched
 // against the directory's listing; any other is opened by name.
@@ -69,8 +63,8 @@ std::uint64_t saturatingSize(off_t size) {
 
 } // namespace
 
-std::vector<std::string> listDirectory(int fd, std::string_view path, const Cancellation& cancel) {
-    cancel.check();
+std::vector<std::string> listDirectory(int fd, std::string_view path, const std::stop_token& stop) {
+    throwIfStopped(stop);
     std::vector<std::string> names;
     platform::DirectoryReadFailure failure = platform::readDirectoryNames(fd, names);
     if (!failure.operation.empty()) {
@@ -82,7 +76,7 @@ std::vector<std::string> listDirectory(int fd, std::string_view path, const Canc
                                        std::string(path));
         }
     }
-    cancel.check();
+    throwIfStopped(stop);
     std::sort(names.begin(), names.end());
     return names;
 }
@@ -133,8 +127,8 @@ std::optional<FileSample> readCloneAttributes(int parentFd, const char* name, st
 std::vector<ResolvedRoot> resolveRoots(std::string_view pathTemplate,
                                        std::optional<std::string_view> relativeGlob,
                                        std::vector<std::string>& warnings,
-                                       const Cancellation& cancel) {
-    cancel.check();
+                                       const std::stop_token& stop) {
+    throwIfStopped(stop);
     std::string expanded;
     if (pathTemplate == "~") {
         expanded = homeDirectory();
@@ -199,15 +193,14 @@ std::vector<ResolvedRoot> resolveRoots(std::string_view pathTemplate,
         if (!S_ISDIR(st.st_mode)) {
             return; // a file where a folder was expected ends this branch
         }
-        UniqueFd fd =
-            openCheckedDirectory(branch.fd.get(), branch.path, name.c_str(), st, flagsBefore(next));
+        UniqueFd fd = openListedFolder(branch.fd.get(), name.c_str(), path, st, flagsBefore(next));
         if (fd) {
             out.push_back({std::move(fd), std::move(path), next});
         }
     };
 
     while (!pending.empty()) {
-        cancel.check();
+        throwIfStopped(stop);
         Branch branch = std::move(pending.back());
         pending.pop_back();
         if (branch.index == components.size()) {
@@ -232,7 +225,7 @@ std::vector<ResolvedRoot> resolveRoots(std::string_view pathTemplate,
         std::vector<Branch> children;
         if (isPatternComponent(component)) {
             std::string pattern(component);
-            for (const std::string& name : listDirectory(branch.fd.get(), branch.path, cancel)) {
+            for (const std::string& name : listDirectory(branch.fd.get(), branch.path, stop)) {
                 if (::fnmatch(pattern.c_str(), name.c_str(), FNM_PERIOD) != 0) {
                     continue;
                 }
@@ -263,10 +256,102 @@ std::vector<ResolvedRoot> resolveRoots(std::string_view pathTemplate,
     return roots;
 }
 
+namespace {
+
+// Opens the folder at `path` that `st` (its no-follow stat from `parent`) describes.
+UniqueFd openRootFolder(const ParentHandle& parent, std::string_view path, const struct stat& st) {
+    return openListedFolder(parent.fd.get(), parent.name.c_str(), path, st);
+}
+
+// What measuring a tree adds up: allocated bytes with hard links once, what removing it would
+// free, and its counts.
+class FootprintVisitor {
+public:
+    struct Folder {};
+
+    FootprintVisitor(Footprint& footprint, FootprintTally& tally,
+                     std::vector<std::string>& warnings, std::uint64_t rootDevice, bool askClones,
+                     OperationProgress* progress)
+        : footprint_(footprint), tally_(tally), warnings_(warnings), rootDevice_(rootDevice),
+          askClones_(askClones), progress_(progress) {}
+
+    // One regular file; `path` is only read when the file system must be asked about clones.
+    template <typename PathOf>
+    void countFile(int dirFd, const char* name, const struct stat& st, PathOf&& path) {
+        footprint_.fileCount = saturatingAdd(footprint_.fileCount, 1);
+        if (tally_.ledger.countOnce(st)) {
+            footprint_.allocatedBytes =
+                saturatingAdd(footprint_.allocatedBytes, allocatedBytesOf(st));
+            if (progress_ != nullptr) {
+                progress_->setBytes(footprint_.allocatedBytes);
+            }
+        }
+        EntryIdentity identity = EntryIdentity::of(st);
+        if (askClones_) {
+            if (auto sample = readCloneAttributes(dirFd, name, path(), identity, st)) {
+                tally_.freeable.add(*sample);
+            }
+            return;
+        }
+        FileSample sample;
+        sample.device = identity.device;
+        sample.inode = identity.inode;
+        sample.linkCount = st.st_nlink == 0 ? 1 : static_cast<std::uint64_t>(st.st_nlink);
+        sample.allocatedBytes = allocatedBytesOf(st);
+        sample.privateBytes = sample.allocatedBytes;
+        tally_.freeable.add(sample);
+    }
+
+    WalkStep visit(Folder&, const WalkEntry& entry) {
+        const struct stat& st = entry.stat();
+        if (S_ISREG(st.st_mode)) {
+            countFile(entry.folderFd, entry.name, st,
+                      [&]() -> const std::string& { return entry.path(); });
+            return WalkStep::skip;
+        }
+        if (!S_ISDIR(st.st_mode)) {
+            return WalkStep::skip; // links are not followed; devices and pipes hold no blocks
+        }
+        if (static_cast<std::uint64_t>(st.st_dev) != rootDevice_) {
+            warnings_.push_back("Skipped mounted filesystem: " + entry.path());
+            return WalkStep::skip;
+        }
+        if (entry.depth >= maxWalkDepth) {
+            warnings_.push_back("Traversal depth limit: " + entry.path());
+            return WalkStep::skip;
+        }
+        return WalkStep::enter;
+    }
+    void enter(Folder&, Folder&, const WalkEntry&) {
+        footprint_.directoryCount = saturatingAdd(footprint_.directoryCount, 1);
+    }
+    void leave(Folder&, Folder*, const WalkExit&) {}
+    WalkStep problem(Folder&, const std::string&, const CleanerError& error) {
+        // A name the system cannot show is left out with its sentence, like a mounted disk;
+        // anything else makes the sum untrustworthy.
+        if (error.kind() == CleanerError::Kind::safetyViolation &&
+            std::string_view(error.what()).starts_with("Directory contains a filename")) {
+            warnings_.push_back(error.what());
+            return WalkStep::skip;
+        }
+        throw error;
+    }
+
+private:
+    Footprint& footprint_;
+    FootprintTally& tally_;
+    std::vector<std::string>& warnings_;
+    std::uint64_t rootDevice_;
+    bool askClones_;
+    OperationProgress* progress_;
+};
+
+} // namespace
+
 Footprint measureFootprint(std::string_view path, std::optional<EntryIdentity> expected,
                            std::vector<std::string>& warnings, FootprintTally& tally,
-                           const Cancellation& cancel, MeasureProgress* progress) {
-    cancel.check();
+                           const std::stop_token& stop, OperationProgress* progress) {
+    throwIfStopped(stop);
     Footprint footprint;
     std::optional<ParentHandle> parent = openParent(path);
     std::optional<struct stat> rootStat;
@@ -283,241 +368,157 @@ Footprint measureFootprint(std::string_view path, std::optional<EntryIdentity> e
     if (expected && *expected != EntryIdentity::of(*rootStat)) {
         throw CleanerError::safety("Changed since it was measured: " + std::string(path));
     }
-
-    // Whether to ask about shared blocks is a question for the file system the root lives on,
-    // which for a mount point is not the one its parent folder is on: it is settled below with
-    // the root's own descriptor once that is open.
-    bool askClones = false;
-    auto countFile = [&](int dirFd, const char* name, const struct stat& st,
-                         const std::string& dirPath) {
-        footprint.fileCount = saturatingAdd(footprint.fileCount, 1);
-        if (tally.ledger.countOnce(st)) {
-            footprint.allocatedBytes =
-                saturatingAdd(footprint.allocatedBytes, allocatedBytesOf(st));
-            if (progress != nullptr) {
-                progress->allocatedBytes.store(footprint.allocatedBytes, std::memory_order_relaxed);
-            }
-        }
-        EntryIdentity identity = EntryIdentity::of(st);
-        if (askClones) {
-            if (auto sample =
-                    readCloneAttributes(dirFd, name, childPath(dirPath, name), identity, st)) {
-                tally.freeable.add(*sample);
-            }
-            return;
-        }
-        FileSample sample;
-        sample.device = identity.device;
-        sample.inode = identity.inode;
-        sample.linkCount = st.st_nlink == 0 ? 1 : static_cast<std::uint64_t>(st.st_nlink);
-        sample.allocatedBytes = allocatedBytesOf(st);
-        sample.privateBytes = sample.allocatedBytes;
-        tally.freeable.add(sample);
-    };
-
-    std::string pathText(path);
+    const std::string pathText(path);
     const auto rootDevice = static_cast<std::uint64_t>(rootStat->st_dev);
     if (S_ISREG(rootStat->st_mode)) {
-        askClones = platform::mayShareBlocks(parent->fd.get(), rootDevice);
-        std::string dirPath = pathText.substr(0, pathText.size() - parent->name.size() - 1);
-        countFile(parent->fd.get(), parent->name.c_str(), *rootStat,
-                  dirPath.empty() ? "/" : dirPath);
+        // Whether to ask about shared blocks is a question for the file system the entry lives
+        // on; for a file that is its folder's.
+        FootprintVisitor visitor(footprint, tally, warnings, rootDevice,
+                                 platform::mayShareBlocks(parent->fd.get(), rootDevice), progress);
+        visitor.countFile(parent->fd.get(), parent->name.c_str(), *rootStat,
+                          [&]() -> const std::string& { return pathText; });
         return footprint;
     }
     if (!S_ISDIR(rootStat->st_mode)) {
         return footprint;
     }
-
-    std::string parentPath = pathText.substr(0, pathText.size() - parent->name.size() - 1);
-    UniqueFd rootFd = openCheckedDirectory(parent->fd.get(), parentPath.empty() ? "/" : parentPath,
-                                           parent->name.c_str(), *rootStat, listingOpenFlags);
+    UniqueFd rootFd = openRootFolder(*parent, pathText, *rootStat);
     if (!rootFd) {
         footprint.vanished = true;
         return footprint;
     }
     parent.reset();
-    askClones = platform::mayShareBlocks(rootFd.get(), rootDevice);
+    // A mount point's own file system decides, not its parent folder's: asked of the root itself.
+    FootprintVisitor visitor(footprint, tally, warnings, rootDevice,
+                             platform::mayShareBlocks(rootFd.get(), rootDevice), progress);
     footprint.directoryCount = 1;
-
-    std::vector<FootprintFrame> stack;
-    stack.push_back({std::move(rootFd), pathText, {}, 0, 0});
-    stack.back().names = listDirectory(stack.back().fd.get(), stack.back().path, cancel);
-
-    while (!stack.empty()) {
-        FootprintFrame& frame = stack.back();
-        if (frame.next >= frame.names.size()) {
-            stack.pop_back();
-            continue;
-        }
-        cancel.check();
-        const std::string& name = frame.names[frame.next++];
-        if (progress != nullptr) {
-            progress->entries.fetch_add(1, std::memory_order_relaxed);
-        }
-        struct stat st {};
-        if (::fstatat(frame.fd.get(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
-            if (errno == ENOENT) {
-                continue;
-            }
-            throw makeCoreError(operation::readingMetadata, childPath(frame.path, name), errno);
-        }
-        if (S_ISREG(st.st_mode)) {
-            countFile(frame.fd.get(), name.c_str(), st, frame.path);
-            continue;
-        }
-        if (!S_ISDIR(st.st_mode)) {
-            continue; // links are not followed; devices, pipes and sockets hold no blocks
-        }
-        if (static_cast<std::uint64_t>(st.st_dev) != rootDevice) {
-            warnings.push_back("Skipped mounted filesystem: " + childPath(frame.path, name));
-            continue;
-        }
-        if (frame.depth + 1 >= maxWalkDepth) {
-            warnings.push_back("Traversal depth limit: " + childPath(frame.path, name));
-            continue;
-        }
-        UniqueFd child =
-            openCheckedDirectory(frame.fd.get(), frame.path, name.c_str(), st, listingOpenFlags);
-        if (!child) {
-            continue;
-        }
-        footprint.directoryCount = saturatingAdd(footprint.directoryCount, 1);
-        FootprintFrame next{std::move(child), childPath(frame.path, name), {}, frame.depth + 1, 0};
-        next.names = listDirectory(next.fd.get(), next.path, cancel);
-        stack.push_back(std::move(next)); // `frame` may dangle from here on
+    FootprintVisitor::Folder root;
+    WalkOptions options;
+    options.order = WalkOrder::asListed; // sums do not depend on the order
+    options.specialEntries = false;      // links, pipes and devices hold no blocks
+    options.utf8Names = true;
+    options.stop = stop;
+    options.progress = progress;
+    if (walkFolder(visitor, root, std::move(rootFd), pathText, options) == WalkEnd::cancelled) {
+        throw CleanerError::cancelled();
     }
     return footprint;
 }
 
-size_t InventoryNodeHash::operator()(const InventoryNode& node) const noexcept {
-    auto mix = [](size_t seed, size_t value) {
-        return seed ^ (value + 0x9E3779B97F4A7C15ULL + (seed << 6) + (seed >> 2));
+namespace {
+
+// A measured tree of nodes, each folder's sums folded from its children as it closes.
+class InventoryVisitor {
+public:
+    struct Folder {
+        InventoryNode node;
+        bool sawChild = false;
     };
-    size_t h = std::hash<std::string>{}(node.path);
-    h = mix(h, std::hash<std::string>{}(node.name));
-    h = mix(h, node.isDirectory);
-    h = mix(h, node.physicalBytes);
-    h = mix(h, node.logicalBytes);
-    h = mix(h, node.fileCount);
-    h = mix(h, static_cast<size_t>(node.newest));
-    h = mix(h, static_cast<size_t>(node.oldest));
-    h = mix(h, node.isComplete);
-    for (const InventoryNode& child : node.children) {
-        h = mix(h, (*this)(child));
+
+    InventoryVisitor(HardlinkLedger& ledger, std::chrono::steady_clock::time_point deadline)
+        : ledger_(ledger), deadline_(deadline) {}
+
+    InventoryNode leaf(std::string name, std::string path, const struct stat& st) const {
+        InventoryNode node;
+        node.name = std::move(name);
+        node.path = std::move(path);
+        node.physicalBytes = ledger_.countOnce(st) ? allocatedBytesOf(st) : 0;
+        node.logicalBytes = saturatingSize(st.st_size);
+        node.fileCount = 1;
+        node.newest = node.oldest = platform::modifiedTime(st).sec;
+        return node;
     }
-    return h;
-}
+    static InventoryNode cutOff(std::string name, std::string path) {
+        InventoryNode node;
+        node.name = std::move(name);
+        node.path = std::move(path);
+        node.isDirectory = true;
+        node.isComplete = false;
+        return node;
+    }
+    bool stopsHere(int depth) const {
+        return depth > maxWalkDepth || std::chrono::steady_clock::now() >= deadline_;
+    }
+
+    // Folds a finished child into its parent's sums.
+    static void absorb(Folder& parent, InventoryNode child) {
+        InventoryNode& node = parent.node;
+        node.physicalBytes = saturatingAdd(node.physicalBytes, child.physicalBytes);
+        node.logicalBytes = saturatingAdd(node.logicalBytes, child.logicalBytes);
+        node.fileCount = saturatingAdd(node.fileCount, child.fileCount);
+        if (child.fileCount > 0 || !child.isDirectory) {
+            node.newest = parent.sawChild ? std::max(node.newest, child.newest) : child.newest;
+            node.oldest = parent.sawChild ? std::min(node.oldest, child.oldest) : child.oldest;
+            parent.sawChild = true;
+        }
+        node.isComplete = node.isComplete && child.isComplete;
+        node.children.push_back(std::move(child));
+    }
+
+    WalkStep visit(Folder& in, const WalkEntry& entry) {
+        const struct stat& st = entry.stat();
+        if (S_ISREG(st.st_mode)) {
+            absorb(in, leaf(entry.name, entry.path(), st));
+            return WalkStep::skip;
+        }
+        if (!S_ISDIR(st.st_mode)) {
+            return WalkStep::skip;
+        }
+        if (stopsHere(entry.depth + base_)) {
+            absorb(in, cutOff(entry.name, entry.path()));
+            return WalkStep::skip;
+        }
+        return WalkStep::enter;
+    }
+    void enter(Folder& child, Folder&, const WalkEntry& entry) {
+        child = Folder{};
+        child.node.name = entry.name;
+        child.node.path = entry.path();
+        child.node.isDirectory = true;
+    }
+    void leave(Folder& folder, Folder* parent, const WalkExit&) {
+        if (parent != nullptr) {
+            absorb(*parent, std::move(folder.node));
+        }
+    }
+    WalkStep problem(Folder&, const std::string&, const CleanerError& error) { throw error; }
+
+    int base_ = 0; // the depth of the walk's root
+
+private:
+    HardlinkLedger& ledger_;
+    std::chrono::steady_clock::time_point deadline_;
+};
+
+} // namespace
 
 InventoryNode buildInventory(int parentFd, const std::string& name, const std::string& path,
                              const struct stat& st, int depth,
                              std::chrono::steady_clock::time_point deadline, HardlinkLedger& ledger,
-                             const Cancellation& cancel) {
-    auto leaf = [&ledger](std::string leafName, std::string leafPath, const struct stat& s) {
-        InventoryNode node;
-        node.name = std::move(leafName);
-        node.path = std::move(leafPath);
-        node.physicalBytes = ledger.countOnce(s) ? allocatedBytesOf(s) : 0;
-        node.logicalBytes = saturatingSize(s.st_size);
-        node.fileCount = 1;
-        node.newest = node.oldest = static_cast<std::int64_t>(s.st_mtime);
-        return node;
-    };
-    auto cutOff = [](std::string dirName, std::string dirPath) {
-        InventoryNode node;
-        node.name = std::move(dirName);
-        node.path = std::move(dirPath);
-        node.isDirectory = true;
-        node.isComplete = false;
-        return node;
-    };
-    auto stopsHere = [&deadline](int d) {
-        return d > maxWalkDepth || std::chrono::steady_clock::now() >= deadline;
-    };
+                             const std::stop_token& stop) {
+    InventoryVisitor visitor(ledger, deadline);
+    visitor.base_ = depth;
     if (!S_ISDIR(st.st_mode)) {
-        return leaf(name, path, st);
+        return visitor.leaf(name, path, st);
     }
-    if (stopsHere(depth)) {
-        return cutOff(name, path);
+    if (visitor.stopsHere(depth)) {
+        return InventoryVisitor::cutOff(name, path);
     }
-
-    struct Frame {
-        FootprintFrame walk;
-        InventoryNode node;
-        bool sawChild = false;
-    };
-    // Folds a finished child into its parent's sums.
-    auto absorb = [](InventoryNode& parent, bool& sawChild, InventoryNode child) {
-        parent.physicalBytes = saturatingAdd(parent.physicalBytes, child.physicalBytes);
-        parent.logicalBytes = saturatingAdd(parent.logicalBytes, child.logicalBytes);
-        parent.fileCount = saturatingAdd(parent.fileCount, child.fileCount);
-        if (child.fileCount > 0 || !child.isDirectory) {
-            parent.newest = sawChild ? std::max(parent.newest, child.newest) : child.newest;
-            parent.oldest = sawChild ? std::min(parent.oldest, child.oldest) : child.oldest;
-            sawChild = true;
-        }
-        parent.isComplete = parent.isComplete && child.isComplete;
-        parent.children.push_back(std::move(child));
-    };
-
-    std::string parentPath = path.size() > name.size()
-                                 ? path.substr(0, path.size() - name.size() - 1)
-                                 : std::string("/");
-    UniqueFd rootFd = openCheckedDirectory(parentFd, parentPath.empty() ? "/" : parentPath,
-                                           name.c_str(), st, listingOpenFlags);
+    UniqueFd rootFd = openListedFolder(parentFd, name.c_str(), path, st);
     if (!rootFd) {
-        return cutOff(name, path);
+        return InventoryVisitor::cutOff(name, path);
     }
-    std::vector<Frame> stack;
-    {
-        Frame root;
-        root.walk = {std::move(rootFd), path, {}, depth, 0};
-        root.walk.names = listDirectory(root.walk.fd.get(), path, cancel);
-        root.node.name = name;
-        root.node.path = path;
-        root.node.isDirectory = true;
-        stack.push_back(std::move(root));
+    InventoryVisitor::Folder root;
+    root.node.name = name;
+    root.node.path = path;
+    root.node.isDirectory = true;
+    WalkOptions options;
+    options.utf8Names = true;
+    options.stop = stop;
+    if (walkFolder(visitor, root, std::move(rootFd), path, options) == WalkEnd::cancelled) {
+        throw CleanerError::cancelled();
     }
-    for (;;) {
-        Frame& top = stack.back();
-        if (top.walk.next >= top.walk.names.size()) {
-            InventoryNode done = std::move(top.node);
-            stack.pop_back();
-            if (stack.empty()) {
-                return done;
-            }
-            absorb(stack.back().node, stack.back().sawChild, std::move(done));
-            continue;
-        }
-        cancel.check();
-        const std::string& childName = top.walk.names[top.walk.next++];
-        std::string childFull = childPath(top.walk.path, childName);
-        std::optional<struct stat> childStat =
-            statEntry(top.walk.fd.get(), childName.c_str(), childFull);
-        if (!childStat || !(S_ISDIR(childStat->st_mode) || S_ISREG(childStat->st_mode))) {
-            continue;
-        }
-        if (S_ISREG(childStat->st_mode)) {
-            absorb(top.node, top.sawChild, leaf(childName, std::move(childFull), *childStat));
-            continue;
-        }
-        int childDepth = top.walk.depth + 1;
-        if (stopsHere(childDepth)) {
-            absorb(top.node, top.sawChild, cutOff(childName, std::move(childFull)));
-            continue;
-        }
-        UniqueFd fd = openCheckedDirectory(top.walk.fd.get(), top.walk.path, childName.c_str(),
-                                           *childStat, listingOpenFlags);
-        if (!fd) {
-            continue;
-        }
-        Frame next;
-        next.walk = {std::move(fd), childFull, {}, childDepth, 0};
-        next.walk.names = listDirectory(next.walk.fd.get(), childFull, cancel);
-        next.node.name = childName;
-        next.node.path = std::move(childFull);
-        next.node.isDirectory = true;
-        stack.push_back(std::move(next)); // `top` may dangle from here on
-    }
+    return std::move(root.node);
 }
 
 bool removeEntry(int parentFd, const std::string& name, const std::string& path,
@@ -551,17 +552,76 @@ bool removeEntry(int parentFd, const std::string& name, const std::string& path,
     return true;
 }
 
-RemovalCounts removeTree(std::string_view path, std::uint64_t expectedDevice,
-                         const RemovalOptions& options) {
-    options.cancel.check();
-    RemovalCounts counts;
-    std::string pathText = normalizePath(path);
-    auto guardScope = [&](const std::string& candidate) {
-        if (options.ownedRoot && !isInside(candidate, *options.ownedRoot)) {
+namespace {
+
+// Empties a tree depth-first: files and links as they are met, each folder once it is empty.
+class RemovalVisitor {
+public:
+    struct Folder {
+        struct stat recorded {};
+        std::string name;
+        int parentFd = -1;
+    };
+
+    RemovalVisitor(const RemovalOptions& options, RemovalCounts& counts, dev_t device)
+        : options_(options), counts_(counts), device_(device) {}
+
+    void guardScope(const std::string& path) const {
+        if (options_.ownedRoot && !isInside(path, *options_.ownedRoot)) {
             throw CleanerError::safety("Mock teardown escaped its owned root");
         }
-    };
-    guardScope(pathText);
+    }
+
+    WalkStep visit(Folder&, const WalkEntry& entry) {
+        const struct stat& st = entry.stat();
+        guardScope(entry.path());
+        if (st.st_dev != device_) {
+            throw CleanerError::safety("Refusing to cross mounted filesystem: " + entry.path());
+        }
+        if (S_ISREG(st.st_mode) || S_ISLNK(st.st_mode)) {
+            removeEntry(entry.folderFd, entry.name, entry.path(), st, options_, counts_);
+            return WalkStep::skip;
+        }
+        if (!S_ISDIR(st.st_mode)) {
+            return WalkStep::skip; // devices, pipes and sockets are left for the person to look at
+        }
+        if (entry.depth >= maxWalkDepth) {
+            throw CleanerError::safety("Traversal depth limit: " + entry.path());
+        }
+        if (options_.keep && options_.keep(entry.path())) {
+            return WalkStep::skip;
+        }
+        return WalkStep::enter;
+    }
+    void enter(Folder& child, Folder&, const WalkEntry& entry) {
+        child.recorded = entry.stat();
+        child.name = entry.name;
+        child.parentFd = entry.folderFd;
+    }
+    void leave(Folder& folder, Folder*, const WalkExit& exit) {
+        if (exit.complete) {
+            removeEntry(folder.parentFd, folder.name, std::string(exit.path), folder.recorded,
+                        options_, counts_);
+        }
+    }
+    WalkStep problem(Folder&, const std::string&, const CleanerError& error) { throw error; }
+
+private:
+    const RemovalOptions& options_;
+    RemovalCounts& counts_;
+    dev_t device_;
+};
+
+} // namespace
+
+RemovalCounts removeTree(std::string_view path, std::uint64_t expectedDevice,
+                         const RemovalOptions& options) {
+    throwIfStopped(options.stop);
+    RemovalCounts counts;
+    std::string pathText = normalizePath(path);
+    if (options.ownedRoot && !isInside(pathText, *options.ownedRoot)) {
+        throw CleanerError::safety("Mock teardown escaped its owned root");
+    }
     std::optional<ParentHandle> parent = openParent(pathText);
     if (!parent) {
         return counts;
@@ -580,69 +640,19 @@ RemovalCounts removeTree(std::string_view path, std::uint64_t expectedDevice,
     if (!S_ISDIR(st->st_mode)) {
         return counts;
     }
-
-    std::string parentPath = pathText.substr(0, pathText.size() - parent->name.size() - 1);
-    if (parentPath.empty()) {
-        parentPath = "/";
-    }
-    UniqueFd rootFd = openCheckedDirectory(parent->fd.get(), parentPath, parent->name.c_str(), *st,
-                                           listingOpenFlags);
+    UniqueFd rootFd = openRootFolder(*parent, pathText, *st);
     if (!rootFd) {
         return counts;
     }
-    struct Level {
-        FootprintFrame walk;
-        struct stat recorded;
-        std::string name;
-    };
-    std::vector<Level> stack;
-    stack.push_back({{std::move(rootFd), pathText, {}, 0, 0}, *st, parent->name});
-    stack.back().walk.names = listDirectory(stack.back().walk.fd.get(), pathText, options.cancel);
-
-    while (!stack.empty()) {
-        Level& level = stack.back();
-        FootprintFrame& frame = level.walk;
-        if (frame.next >= frame.names.size()) {
-            // Emptied: remove the directory itself from its parent.
-            Level done = std::move(stack.back());
-            stack.pop_back();
-            done.walk.fd.reset();
-            int parentFd = stack.empty() ? parent->fd.get() : stack.back().walk.fd.get();
-            removeEntry(parentFd, done.name, done.walk.path, done.recorded, options, counts);
-            continue;
-        }
-        options.cancel.check();
-        std::string name = frame.names[frame.next++];
-        std::string child = childPath(frame.path, name);
-        guardScope(child);
-        std::optional<struct stat> childStat = statEntry(frame.fd.get(), name.c_str(), child);
-        if (!childStat) {
-            continue;
-        }
-        if (childStat->st_dev != st->st_dev) {
-            throw CleanerError::safety("Refusing to cross mounted filesystem: " + child);
-        }
-        if (S_ISREG(childStat->st_mode) || S_ISLNK(childStat->st_mode)) {
-            removeEntry(frame.fd.get(), name, child, *childStat, options, counts);
-            continue;
-        }
-        if (!S_ISDIR(childStat->st_mode)) {
-            continue; // devices, pipes and sockets are left for the person to look at
-        }
-        if (frame.depth + 1 >= maxWalkDepth) {
-            throw CleanerError::safety("Traversal depth limit: " + child);
-        }
-        if (options.keep && options.keep(child)) {
-            continue;
-        }
-        UniqueFd fd = openCheckedDirectory(frame.fd.get(), frame.path, name.c_str(), *childStat,
-                                           listingOpenFlags);
-        if (!fd) {
-            continue;
-        }
-        Level next{{std::move(fd), child, {}, frame.depth + 1, 0}, *childStat, name};
-        next.walk.names = listDirectory(next.walk.fd.get(), child, options.cancel);
-        stack.push_back(std::move(next)); // `level` and `frame` may dangle from here on
+    RemovalVisitor visitor(options, counts, st->st_dev);
+    RemovalVisitor::Folder root;
+    root.recorded = *st;
+    root.name = parent->name;
+    root.parentFd = parent->fd.get();
+    WalkOptions walk;
+    walk.stop = options.stop;
+    if (walkFolder(visitor, root, std::move(rootFd), pathText, walk) == WalkEnd::cancelled) {
+        throw CleanerError::cancelled();
     }
     return counts;
 }

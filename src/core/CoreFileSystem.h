@@ -1,15 +1,17 @@
 #pragma once
 
 #include "base/Descriptors.h"
+#include "base/Progress.h"
 #include "base/UniqueFd.h"
-#include "core/Cancellation.h"
 #include "core/Ledgers.h"
+#include "core/Walk.h"
 
 #include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <stop_token>
 #include <string>
 #include <string_view>
 #include <sys/stat.h>
@@ -21,13 +23,12 @@
 // listing said before it is trusted.
 namespace sd {
 
-inline constexpr int maxWalkDepth = 256;
 inline constexpr size_t maxRootComponents = 256;
 
 // The names in an open directory, "." and ".." left out, sorted ascending. The caller's
 // descriptor stays open. Throws SafetyViolation for a name that is not valid UTF-8.
 std::vector<std::string> listDirectory(int fd, std::string_view path,
-                                       const Cancellation& cancel = {});
+                                       const std::stop_token& stop = {});
 
 // Throws SafetyViolation when any component of the path is a symbolic link.
 void refuseSymlink(std::string_view path);
@@ -48,22 +49,7 @@ struct ResolvedRoot {
 std::vector<ResolvedRoot> resolveRoots(std::string_view pathTemplate,
                                        std::optional<std::string_view> relativeGlob,
                                        std::vector<std::string>& warnings,
-                                       const Cancellation& cancel = {});
-
-// One level of an explicit traversal stack; walks are iterative and never recurse.
-struct FootprintFrame {
-    UniqueFd fd;
-    std::string path;
-    std::vector<std::string> names;
-    int depth = 0;
-    size_t next = 0;
-};
-
-// Counters a front end may poll while a measurement runs; written with relaxed stores only.
-struct MeasureProgress {
-    std::atomic<std::uint64_t> entries{0};
-    std::atomic<std::uint64_t> allocatedBytes{0};
-};
+                                       const std::stop_token& stop = {});
 
 struct Footprint {
     std::uint64_t allocatedBytes = 0; // hard links counted once across the tally
@@ -73,10 +59,11 @@ struct Footprint {
 };
 
 // Allocated bytes and counts of one entry; regular files also feed `tally.freeable`. Symbolic
-// links count nothing, other file systems and levels past the depth limit become warnings.
+// links count nothing; other file systems, levels past the depth limit and names that are not
+// UTF-8 become warnings and are left out. `progress` counts entries and measured bytes.
 Footprint measureFootprint(std::string_view path, std::optional<EntryIdentity> expected,
                            std::vector<std::string>& warnings, FootprintTally& tally,
-                           const Cancellation& cancel = {}, MeasureProgress* progress = nullptr);
+                           const std::stop_token& stop = {}, OperationProgress* progress = nullptr);
 
 struct InventoryNode {
     std::string name;
@@ -93,16 +80,12 @@ struct InventoryNode {
     friend bool operator==(const InventoryNode&, const InventoryNode&) = default;
 };
 
-struct InventoryNodeHash {
-    size_t operator()(const InventoryNode& node) const noexcept;
-};
-
 // A measured tree of one entry in `parentFd`, cut off (isComplete false) at depth 257 or once the
 // deadline has passed.
 InventoryNode buildInventory(int parentFd, const std::string& name, const std::string& path,
                              const struct stat& st, int depth,
                              std::chrono::steady_clock::time_point deadline, HardlinkLedger& ledger,
-                             const Cancellation& cancel = {});
+                             const std::stop_token& stop = {});
 
 struct RemovalCounts {
     std::uint64_t removedEntries = 0;
@@ -116,7 +99,7 @@ struct RemovalOptions {
     std::function<void(const std::string& path)> perEntry;
     // When set, no path outside this folder may be touched.
     std::optional<std::string> ownedRoot;
-    Cancellation cancel;
+    std::stop_token stop;
 };
 
 // Removes one entry of `parentFd` after checking it is still the one `recorded` describes.

@@ -11,13 +11,21 @@ bool HardlinkLedger::countOnce(const struct stat& st) {
     if (st.st_nlink < 2) {
         return true;
     }
-    return sight(EntryIdentity::of(st)) == 1;
+    // Keyed by the file alone (device and inode), as sight() is.
+    Sighting& seen = sightings_[Key{static_cast<std::uint64_t>(st.st_dev),
+                                    static_cast<std::uint64_t>(st.st_ino)}];
+    seen.count = saturatingAdd(seen.count, 1);
+    if (seen.count == 1) {
+        seen.bytes = allocatedBytesOf(st);
+        return true;
+    }
+    return false;
 }
 
 std::uint64_t HardlinkLedger::sight(const Key& key) {
-    std::uint64_t& seen = sightings_[key];
-    seen = saturatingAdd(seen, 1);
-    return seen;
+    Sighting& seen = sightings_[key];
+    seen.count = saturatingAdd(seen.count, 1);
+    return seen.count;
 }
 
 void FreeableAccumulator::add(const FileSample& sample) {

@@ -35,8 +35,22 @@ public:
     std::uint64_t visited() const noexcept { return visited_; }
     size_t trackedFiles() const noexcept { return sightings_.size(); }
 
+    // Calls `visit(key, allocatedBytes)` for every multiply linked file this ledger counted, so a
+    // caller that measured several sets apart can take off what an earlier set already holds.
+    template <typename Visit> void forEachCounted(Visit&& visit) const {
+        for (const auto& [key, sighting] : sightings_) {
+            if (sighting.bytes > 0) {
+                visit(key, sighting.bytes);
+            }
+        }
+    }
+
 private:
-    std::unordered_map<Key, std::uint64_t, EntryIdentityHash> sightings_;
+    struct Sighting {
+        std::uint64_t count = 0;
+        std::uint64_t bytes = 0; // allocated bytes counted at the first sighting, by countOnce
+    };
+    std::unordered_map<Key, Sighting, EntryIdentityHash> sightings_;
     std::uint64_t visited_ = 0;
 };
 

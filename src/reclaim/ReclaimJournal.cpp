@@ -321,20 +321,9 @@ std::string ReclaimJournal::record(std::vector<TrashedItem> items, const std::st
     return id;
 }
 
-void ReclaimJournal::setTargetRemainingBytes(const std::string& entryID,
-                                             std::map<std::string, std::uint64_t> remaining) {
-    update([&](std::vector<JournalEntry>& entries) {
-        for (JournalEntry& entry : entries) {
-            if (entry.id == entryID) {
-                entry.targetRemainingBytes = remaining;
-            }
-        }
-    });
-}
-
 TrashRestoreResult ReclaimJournal::putBack(const std::string& entryID,
                                            const std::optional<std::string>& group,
-                                           const Cancellation& cancel) {
+                                           const std::stop_token& stop) {
     TrashRestoreResult result;
     // The whole Put Back runs under the lock, so two windows cannot return the same item twice.
     update([&](std::vector<JournalEntry>& entries) {
@@ -346,7 +335,7 @@ TrashRestoreResult ReclaimJournal::putBack(const std::string& entryID,
                 if (item.restored || (group && item.group != *group)) {
                     continue;
                 }
-                if (cancel.requested()) {
+                if (stop.stop_requested()) {
                     result.skipped.push_back(item.originalPath);
                     continue;
                 }

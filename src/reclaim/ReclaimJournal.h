@@ -1,6 +1,6 @@
 #pragma once
 
-#include "core/Cancellation.h"
+#include "base/Stop.h"
 
 #include <cstdint>
 #include <map>
@@ -75,13 +75,10 @@ public:
     std::string record(std::vector<TrashedItem> items, const std::string& title, JournalKind kind,
                        const std::optional<JournalContext>& context = std::nullopt);
 
-    void setTargetRemainingBytes(const std::string& entryID,
-                                 std::map<std::string, std::uint64_t> remaining);
-
     // Returns the entry's items still in the Trash (only those of `group` when given) to where
     // they were, and marks the ones that went back.
     TrashRestoreResult putBack(const std::string& entryID, const std::optional<std::string>& group,
-                               const Cancellation& cancel = {});
+                               const std::stop_token& stop = {});
 
     // Sentences from the last save or load that the person should see (a journal set aside).
     const std::vector<std::string>& warnings() const noexcept { return warnings_; }

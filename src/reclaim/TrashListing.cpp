@@ -14,8 +14,7 @@ std::vector<platform::TrashedEntry> listTrashMeasured(const std::stop_token& sto
         std::vector<std::string> warnings;
         FootprintTally tally;
         try {
-            entry.bytes = measureFootprint(entry.trashPath, entry.identity, warnings, tally,
-                                           Cancellation(nullptr, stop))
+            entry.bytes = measureFootprint(entry.trashPath, entry.identity, warnings, tally, stop)
                               .allocatedBytes;
         } catch (const CleanerError& error) {
             if (error.kind() == CleanerError::Kind::operationCancelled) {

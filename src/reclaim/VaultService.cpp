@@ -1,9 +1,11 @@
 #include "reclaim/VaultService.h"
 
 #include "base/CleanerError.h"
+#include "base/ParallelFor.h"
 #include "base/Saturating.h"
 #include "core/CoreFileSystem.h"
 #include "core/PathRules.h"
+#include "core/Walk.h"
 #include "platform/FileSystemExtras.h"
 #include "platform/Trash.h"
 #include "reclaim/PutBack.h"
@@ -14,7 +16,6 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
-#include <mutex>
 #include <random>
 #include <sys/stat.h>
 #include <thread>
@@ -71,115 +72,117 @@ struct Denial {
     }
 };
 
-// Walks everything below a directory item without following links or leaving its device,
-// measuring it and noting the first rule something inside breaks.
-void walkDirectoryItem(const VaultPolicy& policy, VaultPlanItem& item, UniqueFd itemFd,
-                       const struct stat& itemStat, const std::string& foldedItem,
-                       const ClassifyOptions& options, VaultMeter* meter, Denial& denial,
-                       const Cancellation& cancel) {
-    struct Pending {
-        UniqueFd fd;
-        std::string path;
-        std::string folded;
-        std::vector<std::string> entries;
-        int depth = 0;
-        size_t next = 0;
+// Looks at everything below a directory item without following links or leaving its device,
+// measuring it, fingerprinting it in name order and noting the first rule something inside
+// breaks.
+class ItemVisitor {
+public:
+    struct Folder {
+        std::string folded; // the folder's folded path
     };
-    FootprintTally tally;
-    Fingerprint fingerprint;
-    std::vector<Pending> stack;
-    stack.push_back({std::move(itemFd), item.resolvedPath, foldedItem, {}, 0, 0});
-    stack.back().entries = listDirectory(stack.back().fd.get(), item.resolvedPath, cancel);
-    if (meter != nullptr) {
-        meter->addEntries(stack.back().entries.size());
-    }
-    std::uint64_t logical = 0;
-    while (!stack.empty()) {
-        Pending& frame = stack.back();
-        if (frame.next >= frame.entries.size()) {
-            stack.pop_back();
-            continue;
-        }
-        cancel.check();
-        const std::string& name = frame.entries[frame.next++];
-        std::string path = frame.path + "/" + name;
-        std::optional<struct stat> st = statEntry(frame.fd.get(), name.c_str(), path);
-        if (!st) {
-            continue;
-        }
-        std::string folded = frame.folded + "/" + foldPath(name);
-        fingerprint.add(std::string_view(path).substr(item.resolvedPath.size()));
-        fingerprint.add(static_cast<std::uint64_t>(st->st_mode));
-        fingerprint.add(static_cast<std::uint64_t>(st->st_size));
-        fingerprint.add(static_cast<std::uint64_t>(st->st_mtim.tv_sec));
-        fingerprint.add(static_cast<std::uint64_t>(st->st_mtim.tv_nsec));
-        fingerprint.add(static_cast<std::uint64_t>(st->st_ino));
 
-        if (auto reason = policy.descendantVerdict(foldedItem, folded)) {
-            (void)reason;
-            denial.note(VaultDenyReason::protectedDescendant);
+    ItemVisitor(const VaultPolicy& policy, VaultPlanItem& item, const struct stat& itemStat,
+                const std::string& foldedItem, const ClassifyOptions& options,
+                OperationProgress* progress, Denial& denial)
+        : policy_(policy), item_(item), itemStat_(itemStat), foldedItem_(foldedItem),
+          options_(options), progress_(progress), denial_(denial) {}
+
+    WalkStep visit(Folder& in, const WalkEntry& entry) {
+        const struct stat& st = entry.stat();
+        const std::string& path = entry.path();
+        if (progress_ != nullptr) {
+            progress_->addItems(1);
         }
-        if (options.descendants == DescendantRules::policyAndUserData) {
-            std::string_view foldedName = std::string_view(folded).substr(frame.folded.size() + 1);
+        std::string folded = in.folded + "/" + foldPath(entry.name);
+        fingerprint_.add(std::string_view(path).substr(item_.resolvedPath.size()));
+        fingerprint_.add(static_cast<std::uint64_t>(st.st_mode));
+        fingerprint_.add(static_cast<std::uint64_t>(st.st_size));
+        const Timestamp modified = platform::modifiedTime(st);
+        fingerprint_.add(static_cast<std::uint64_t>(modified.sec));
+        fingerprint_.add(static_cast<std::uint64_t>(modified.nsec));
+        fingerprint_.add(static_cast<std::uint64_t>(st.st_ino));
+
+        if (policy_.descendantVerdict(foldedItem_, folded)) {
+            denial_.note(VaultDenyReason::protectedDescendant);
+        }
+        if (options_.descendants == DescendantRules::policyAndUserData) {
+            std::string_view foldedName = std::string_view(folded).substr(in.folded.size() + 1);
             // Only what the descendant adds below the item is judged: the item's own path was
             // judged as a whole when it was classified.
-            if (looksLikeUserData(std::string_view(folded).substr(foldedItem.size()), foldedName)) {
-                denial.note(VaultDenyReason::protectedDescendant);
+            if (looksLikeUserData(std::string_view(folded).substr(foldedItem_.size()),
+                                  foldedName)) {
+                denial_.note(VaultDenyReason::protectedDescendant);
             }
         }
-        if (isRepositoryMarker(name)) {
-            denial.note(VaultDenyReason::gitWorkingTree);
+        if (isRepositoryMarker(entry.name)) {
+            denial_.note(VaultDenyReason::gitWorkingTree);
         }
-        if (S_ISLNK(st->st_mode)) {
-            continue;
+        if (S_ISLNK(st.st_mode)) {
+            return WalkStep::skip;
         }
-        if (st->st_dev != itemStat.st_dev) {
-            denial.note(VaultDenyReason::nonTrashableVolume);
-            continue;
+        if (st.st_dev != itemStat_.st_dev) {
+            denial_.note(VaultDenyReason::nonTrashableVolume);
+            return WalkStep::skip;
         }
-        if (S_ISREG(st->st_mode)) {
-            if (st->st_nlink > 1) {
-                denial.note(VaultDenyReason::multiplyLinked);
+        if (S_ISREG(st.st_mode)) {
+            if (st.st_nlink > 1) {
+                denial_.note(VaultDenyReason::multiplyLinked);
             }
-            if (platform::isDataless(*st)) {
-                denial.note(VaultDenyReason::datalessFile);
+            if (platform::isDataless(st)) {
+                denial_.note(VaultDenyReason::datalessFile);
             }
-            logical = saturatingAdd(logical,
-                                    st->st_size < 0 ? 0 : static_cast<std::uint64_t>(st->st_size));
-            if (tally.ledger.countOnce(*st)) {
-                item.physicalBytes = saturatingAdd(item.physicalBytes, allocatedBytesOf(*st));
+            logical_ = saturatingAdd(logical_,
+                                     st.st_size < 0 ? 0 : static_cast<std::uint64_t>(st.st_size));
+            if (tally_.ledger.countOnce(st)) {
+                item_.physicalBytes = saturatingAdd(item_.physicalBytes, allocatedBytesOf(st));
             }
-            if (auto sample = readCloneAttributes(frame.fd.get(), name.c_str(), path,
-                                                  EntryIdentity::of(*st), *st)) {
-                tally.freeable.add(*sample);
+            if (auto sample = readCloneAttributes(entry.folderFd, entry.name, path,
+                                                  EntryIdentity::of(st), st)) {
+                tally_.freeable.add(*sample);
             }
-            continue;
+            return WalkStep::skip;
         }
-        if (!S_ISDIR(st->st_mode) || frame.depth + 1 >= maxWalkDepth) {
-            if (S_ISDIR(st->st_mode)) {
-                denial.note(VaultDenyReason::unreadable);
-            }
-            continue;
+        if (!S_ISDIR(st.st_mode)) {
+            return WalkStep::skip;
         }
-        UniqueFd child = openListing(frame.fd.get(), name.c_str());
-        struct stat opened {};
-        if (!child || ::fstat(child.get(), &opened) != 0 || opened.st_ino != st->st_ino ||
-            opened.st_dev != st->st_dev) {
-            // Unreadable or swapped while we looked: nothing below can be vouched for.
-            denial.note(child ? VaultDenyReason::identityChanged : VaultDenyReason::unreadable);
-            continue;
+        if (entry.depth >= maxWalkDepth) {
+            denial_.note(VaultDenyReason::unreadable);
+            return WalkStep::skip;
         }
-        Pending next{std::move(child), std::move(path), std::move(folded), {}, frame.depth + 1, 0};
-        next.entries = listDirectory(next.fd.get(), next.path, cancel);
-        if (meter != nullptr) {
-            meter->addEntries(next.entries.size());
-        }
-        stack.push_back(std::move(next)); // `frame` may dangle from here on
+        pendingFolded_ = std::move(folded);
+        return WalkStep::enter;
     }
-    item.size = logical;
-    item.freeableBytes = tally.freeable.freeableBytes();
-    item.dirFingerprint = fingerprint.text();
-}
+    void enter(Folder& child, Folder&, const WalkEntry&) {
+        child.folded = std::move(pendingFolded_);
+    }
+    void leave(Folder&, Folder*, const WalkExit&) {}
+    WalkStep problem(Folder&, const std::string&, const CleanerError& error) {
+        // Unreadable or swapped while we looked: nothing below can be vouched for.
+        denial_.note(error.kind() == CleanerError::Kind::safetyViolation
+                         ? VaultDenyReason::identityChanged
+                         : VaultDenyReason::unreadable);
+        return WalkStep::skip;
+    }
+
+    void finish() {
+        item_.size = logical_;
+        item_.freeableBytes = tally_.freeable.freeableBytes();
+        item_.dirFingerprint = fingerprint_.text();
+    }
+
+private:
+    const VaultPolicy& policy_;
+    VaultPlanItem& item_;
+    const struct stat& itemStat_;
+    const std::string& foldedItem_;
+    const ClassifyOptions& options_;
+    OperationProgress* progress_;
+    Denial& denial_;
+    FootprintTally tally_;
+    Fingerprint fingerprint_;
+    std::uint64_t logical_ = 0;
+    std::string pendingFolded_;
+};
 
 } // namespace
 
@@ -223,8 +226,8 @@ std::vector<std::string> expandScopes(const std::vector<std::string>& scopes,
 }
 
 VaultPlanItem classifyPath(const VaultPolicy& policy, const std::string& requested,
-                           const ClassifyOptions& options, VaultMeter* meter,
-                           const Cancellation& cancel) {
+                           const ClassifyOptions& options, OperationProgress* progress,
+                           const std::stop_token& stop) {
     VaultPlanItem item;
     item.requestedPath = requested;
     auto deny = [&item](VaultDenyReason reason) {
@@ -281,8 +284,9 @@ VaultPlanItem classifyPath(const VaultPolicy& policy, const std::string& request
         item.dev = static_cast<std::uint64_t>(st->st_dev);
         item.ino = static_cast<std::uint64_t>(st->st_ino);
         item.fileType = static_cast<std::uint32_t>(st->st_mode & S_IFMT);
-        item.ctimeSec = st->st_ctim.tv_sec;
-        item.ctimeNsec = st->st_ctim.tv_nsec;
+        const Timestamp changed = platform::changedTime(*st);
+        item.ctimeSec = changed.sec;
+        item.ctimeNsec = changed.nsec;
         if (auto born = platform::birthTime(parent->fd.get(), parent->name.c_str(), *st)) {
             item.birthtimeSec = born->sec;
             item.birthtimeNsec = born->nsec;
@@ -300,14 +304,22 @@ VaultPlanItem classifyPath(const VaultPolicy& policy, const std::string& request
             }
         }
         if (item.isDir) {
-            UniqueFd fd = openListing(parent->fd.get(), parent->name.c_str());
-            struct stat opened {};
-            if (!fd || ::fstat(fd.get(), &opened) != 0 || opened.st_ino != st->st_ino ||
-                opened.st_dev != st->st_dev) {
-                return deny(fd ? VaultDenyReason::identityChanged : VaultDenyReason::unreadable);
+            VerifiedChild opened =
+                openVerifiedChild(parent->fd.get(), parent->name.c_str(), item.resolvedPath, *st);
+            if (opened.outcome != ChildOpening::opened) {
+                return deny(opened.outcome == ChildOpening::changed
+                                ? VaultDenyReason::identityChanged
+                                : VaultDenyReason::unreadable);
             }
-            walkDirectoryItem(policy, item, std::move(fd), *st, folded, options, meter, denial,
-                              cancel);
+            ItemVisitor visitor(policy, item, *st, folded, options, progress, denial);
+            ItemVisitor::Folder root{folded};
+            WalkOptions walk; // names are bytes here: any name can be fingerprinted and moved
+            walk.stop = stop;
+            if (walkFolder(visitor, root, std::move(opened.fd), item.resolvedPath, walk) ==
+                WalkEnd::cancelled) {
+                throw CleanerError::cancelled();
+            }
+            visitor.finish();
         } else if (S_ISREG(st->st_mode)) {
             if (st->st_nlink > 1) {
                 denial.note(VaultDenyReason::multiplyLinked);
@@ -422,63 +434,40 @@ VaultService VaultService::standard(std::shared_ptr<const VaultPolicy> policy,
     };
     service.planner = [policy, optionsFor](const std::vector<std::string>& paths,
                                            const std::vector<std::string>& scopes,
-                                           VaultMeter* meter) {
+                                           OperationProgress* progress) {
         ClassifyOptions options = optionsFor(scopes);
-        struct ClassifiedItems {
-            std::mutex lock;
-            std::vector<std::optional<VaultPlanItem>> slots;
-            size_t cursor = 0;
-        } classified;
-        classified.slots.resize(paths.size());
-        size_t workers = std::min<size_t>(std::max<size_t>(paths.size(), 1), 4);
-        auto work = [&] {
-            for (;;) {
-                size_t index = 0;
-                {
-                    std::lock_guard guard(classified.lock);
-                    if (classified.cursor >= paths.size()) {
-                        return;
-                    }
-                    index = classified.cursor++;
-                }
-                VaultPlanItem item;
-                try {
-                    item = classifyPath(*policy, paths[index], options, meter);
-                } catch (const std::exception&) {
-                    item.requestedPath = item.resolvedPath = paths[index];
-                    item.denied = VaultDenyReason::unreadable;
-                }
-                if (meter != nullptr) {
-                    meter->finishItem();
-                }
-                std::lock_guard guard(classified.lock);
-                classified.slots[index] = std::move(item);
-            }
-        };
-        {
-            std::vector<std::jthread> threads;
-            for (size_t w = 1; w < workers; ++w) {
-                threads.emplace_back(work);
-            }
-            work();
+        std::vector<VaultPlanItem> items(paths.size());
+        if (progress != nullptr) {
+            progress->setTotal(paths.size());
         }
+        parallelFor(paths.size(), 4, {}, [&](size_t index) {
+            try {
+                items[index] = classifyPath(*policy, paths[index], options, progress);
+            } catch (const std::exception&) {
+                items[index] = VaultPlanItem{};
+                items[index].requestedPath = items[index].resolvedPath = paths[index];
+                items[index].denied = VaultDenyReason::unreadable;
+            }
+            if (progress != nullptr) {
+                progress->addDone();
+            }
+        });
         VaultPlan plan;
         plan.planNonce = freshNonce();
-        for (std::optional<VaultPlanItem>& slot : classified.slots) {
-            slot->planNonce = plan.planNonce;
-            plan.items.push_back(std::move(*slot));
+        for (VaultPlanItem& item : items) {
+            item.planNonce = plan.planNonce;
+            plan.items.push_back(std::move(item));
         }
         return plan;
     };
-    service.validator = [policy, optionsFor](const VaultPlanItem& item, const std::string& nonce,
-                                             VaultMeter* meter) {
+    service.validator = [policy, optionsFor](const VaultPlanItem& item, const std::string& nonce) {
         if (item.planNonce != nonce) {
             throw VaultDenied(VaultDenyReason::stalePlan);
         }
         ClassifyOptions options = optionsFor({});
         // Scope was settled by the plan, which knew the scopes granted then.
         options.checkScope = false;
-        VaultPlanItem fresh = classifyPath(*policy, item.requestedPath, options, meter);
+        VaultPlanItem fresh = classifyPath(*policy, item.requestedPath, options, nullptr);
         if (fresh.denied) {
             throw VaultDenied(*fresh.denied);
         }
@@ -504,21 +493,21 @@ VaultService VaultService::standard(std::shared_ptr<const VaultPolicy> policy,
 }
 
 MoveOutcome VaultService::move(const VaultPlan& plan, std::vector<size_t> ticked,
-                               const std::function<void(const VaultMoveProgress&)>& progress,
-                               const Cancellation& cancel) const {
+                               const std::stop_token& stop, OperationProgress* progress) const {
     MoveOutcome outcome;
     std::sort(ticked.begin(), ticked.end());
     ticked.erase(std::unique(ticked.begin(), ticked.end()), ticked.end());
     std::erase_if(ticked, [&](size_t i) { return i >= plan.items.size(); });
-
-    VaultMoveProgress state;
-    state.total = ticked.size();
-    for (size_t index : ticked) {
-        state.totalBytes = saturatingAdd(state.totalBytes, plan.items[index].physicalBytes);
+    if (progress != nullptr) {
+        progress->setTotal(ticked.size());
     }
-    auto report = [&] {
-        if (progress) {
-            progress(state);
+    auto finished = [&](const VaultPlanItem* moved) {
+        if (progress != nullptr) {
+            if (moved != nullptr) {
+                progress->addItems(1);
+                progress->addBytes(moved->physicalBytes);
+            }
+            progress->addDone();
         }
     };
 
@@ -528,29 +517,30 @@ MoveOutcome VaultService::move(const VaultPlan& plan, std::vector<size_t> ticked
     for (size_t position = 0; position < ticked.size(); ++position) {
         size_t index = ticked[position];
         const VaultPlanItem& item = plan.items[index];
-        if (cancel.requested()) {
+        if (stop.stop_requested()) {
             endedEarly = true;
             for (size_t rest = position; rest < ticked.size(); ++rest) {
                 outcome.stayed.emplace_back(ticked[rest], std::nullopt);
             }
             break;
         }
+        if (progress != nullptr) {
+            progress->setCurrentPath(item.resolvedPath);
+        }
         try {
             if (item.denied) {
                 throw VaultDenied(*item.denied);
             }
-            validated.push_back(validator(item, plan.planNonce, nullptr));
+            validated.push_back(validator(item, plan.planNonce));
             passing.push_back(index);
         } catch (const VaultDenied& denied) {
             outcome.notes.push_back(stayedNote(item.resolvedPath, denied.reason()));
             outcome.stayed.emplace_back(index, denied.reason());
-            ++state.finished;
-            report();
+            finished(nullptr);
         } catch (const CleanerError& error) {
             outcome.notes.push_back(item.resolvedPath + ": " + error.what() + " — left in place.");
             outcome.stayed.emplace_back(index, VaultDenyReason::unreadable);
-            ++state.finished;
-            report();
+            finished(nullptr);
         }
     }
 
@@ -564,14 +554,13 @@ MoveOutcome VaultService::move(const VaultPlan& plan, std::vector<size_t> ticked
         for (size_t i = 0; i < requests.size(); ++i) {
             const VaultPlanItem& item = validated[i];
             RecycleAnswer& answer = answers[i];
-            ++state.finished;
             if (!answer.trashPath) {
                 outcome.notes.push_back(answer.error.empty()
                                             ? item.resolvedPath +
                                                   ": the Trash did not take it — left in place."
                                             : answer.error);
                 outcome.stayed.emplace_back(passing[i], std::nullopt);
-                report();
+                finished(nullptr);
                 continue;
             }
             // Whatever reached the Trash must be the object that was validated.
@@ -592,20 +581,16 @@ MoveOutcome VaultService::move(const VaultPlan& plan, std::vector<size_t> ticked
                 outcome.notes.push_back(item.resolvedPath +
                                         ": object identity changed since planning");
                 outcome.stayed.emplace_back(passing[i], VaultDenyReason::identityChanged);
-                report();
+                finished(nullptr);
                 continue;
             }
             outcome.moved.push_back(
                 {item.resolvedPath, *answer.trashPath, item.physicalBytes, item.identityToken});
-            ++state.moved;
-            state.movedBytes = saturatingAdd(state.movedBytes, item.physicalBytes);
-            report();
+            finished(&item);
         }
     }
     if (endedEarly) {
-        bool stopped = cancel.flag != nullptr && cancel.flag->isCancelled();
-        outcome.notes.push_back(stopped ? "Stopped; the rest wasn't moved."
-                                        : "Operation cancelled; the rest wasn't moved.");
+        outcome.notes.emplace_back(stoppedNote);
     }
     return outcome;
 }

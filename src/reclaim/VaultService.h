@@ -1,8 +1,7 @@
 #pragma once
 
-#include "core/Cancellation.h"
+#include "base/Progress.h"
 #include "core/Ledgers.h"
-#include "reclaim/VaultMeter.h"
 #include "reclaim/VaultPolicy.h"
 #include "reclaim/VaultTypes.h"
 
@@ -10,6 +9,7 @@
 #include <memory>
 #include <optional>
 #include <stdexcept>
+#include <stop_token>
 #include <string>
 #include <vector>
 
@@ -49,19 +49,22 @@ struct ClassifyOptions {
     bool checkScope = true;
 };
 
-// Classifies and measures one requested path. Never throws: every problem is a verdict.
+// Classifies and measures one requested path; `progress` counts the entries examined. Every
+// problem is a verdict; only a stop throws ("Operation cancelled").
 VaultPlanItem classifyPath(const VaultPolicy& policy, const std::string& requested,
-                           const ClassifyOptions& options, VaultMeter* meter,
-                           const Cancellation& cancel = {});
+                           const ClassifyOptions& options, OperationProgress* progress,
+                           const std::stop_token& stop = {});
 
 // The vault: plans, re-checks and moves. Its three operations can be replaced (tests do).
 class VaultService {
 public:
-    using Planner =
-        std::function<VaultPlan(const std::vector<std::string>& paths,
-                                const std::vector<std::string>& scopes, VaultMeter* meter)>;
-    using Validator = std::function<VaultPlanItem(const VaultPlanItem& item,
-                                                  const std::string& nonce, VaultMeter* meter)>;
+    // Plans on up to four workers; `progress` counts items done (of the paths given) and
+    // entries examined.
+    using Planner = std::function<VaultPlan(const std::vector<std::string>& paths,
+                                            const std::vector<std::string>& scopes,
+                                            OperationProgress* progress)>;
+    using Validator =
+        std::function<VaultPlanItem(const VaultPlanItem& item, const std::string& nonce)>;
     using Recycle = std::function<std::vector<RecycleAnswer>(const std::vector<RecycleRequest>&)>;
 
     Planner planner;
@@ -75,10 +78,11 @@ public:
                                  DescendantRules descendants = DescendantRules::policyAndUserData);
 
     // Validates each ticked item (indexes into `plan.items`, handled in plan order), hands those
-    // that pass to the Trash in one call, and proves each moved object is the planned one.
+    // that pass to the Trash in one call, and proves each moved object is the planned one. A stop
+    // is looked at before each item; what was not reached stays where it is. `progress` counts
+    // items finished of those ticked, items and bytes moved.
     MoveOutcome move(const VaultPlan& plan, std::vector<size_t> ticked,
-                     const std::function<void(const VaultMoveProgress&)>& progress,
-                     const Cancellation& cancel) const;
+                     const std::stop_token& stop = {}, OperationProgress* progress = nullptr) const;
 };
 
 // Scopes as given ("~/" expanded); the home and "/Applications" when none are given.
@@ -92,6 +96,9 @@ std::vector<RecycleAnswer> recycleToTrash(const std::vector<RecycleRequest>& req
 // The closest folder above `path` that holds a repository marker (".git", ".hg", ".svn",
 // ".fossil"), looked up by name without following links.
 std::optional<std::string> enclosingRepository(const std::string& path);
+
+// The last note of a move that a stop ended early.
+inline constexpr std::string_view stoppedNote = "Stopped; the rest wasn't moved.";
 
 // A short sentence for a note on an item that stayed.
 std::string stayedNote(const std::string& path, VaultDenyReason reason);

@@ -77,14 +77,6 @@ struct VaultPlan {
     std::string planNonce;
 };
 
-struct VaultMoveProgress {
-    std::uint64_t moved = 0;
-    std::uint64_t finished = 0;
-    std::uint64_t total = 0;
-    std::uint64_t movedBytes = 0;
-    std::uint64_t totalBytes = 0;
-};
-
 // One object that reached the Trash and was proven to be the planned one.
 struct MovedItem {
     std::string originalPath;

@@ -117,7 +117,7 @@ std::optional<ContentDigest> sampleDigest(int fd, std::uint64_t size, std::uint6
 }
 
 FullDigest fullDigest(int fd, std::uint64_t size, std::chrono::steady_clock::time_point deadline,
-                      const Cancellation& cancel, std::vector<unsigned char>& buffer, Sha256& sha,
+                      const std::stop_token& stop, std::vector<unsigned char>& buffer, Sha256& sha,
                       std::atomic<std::uint64_t>* bytesRead) {
     FullDigest result;
     if (buffer.size() < contentChunkBytes) {
@@ -126,7 +126,7 @@ FullDigest fullDigest(int fd, std::uint64_t size, std::chrono::steady_clock::tim
     sha.reset();
     std::uint64_t offset = 0;
     while (offset < size) {
-        if (cancel.requested()) {
+        if (stop.stop_requested()) {
             result.cancelled = true;
             return result;
         }
@@ -148,7 +148,7 @@ FullDigest fullDigest(int fd, std::uint64_t size, std::chrono::steady_clock::tim
 
 SideBySideReading readSideBySide(const std::vector<int>& fds, std::uint64_t size,
                                  std::chrono::steady_clock::time_point deadline,
-                                 const Cancellation& cancel, std::vector<unsigned char>& first,
+                                 const std::stop_token& stop, std::vector<unsigned char>& first,
                                  std::vector<unsigned char>& other, Sha256& sha,
                                  std::atomic<std::uint64_t>* bytesRead) {
     SideBySideReading result;
@@ -161,7 +161,7 @@ SideBySideReading readSideBySide(const std::vector<int>& fds, std::uint64_t size
     sha.reset();
     std::uint64_t offset = 0;
     while (offset < size && following > 0) {
-        if (cancel.requested()) {
+        if (stop.stop_requested()) {
             result.cancelled = true;
             return result;
         }

@@ -1,13 +1,12 @@
 #pragma once
 
-#include "core/Cancellation.h"
-
 #include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <stop_token>
 #include <string>
 #include <vector>
 
@@ -56,7 +55,7 @@ struct FullDigest {
 // SHA-256 over the whole `size` bytes, read one chunk at a time, with the deadline and Stop
 // checked before each chunk. `buffer` holds at least contentChunkBytes.
 FullDigest fullDigest(int fd, std::uint64_t size, std::chrono::steady_clock::time_point deadline,
-                      const Cancellation& cancel, std::vector<unsigned char>& buffer, Sha256& sha,
+                      const std::stop_token& stop, std::vector<unsigned char>& buffer, Sha256& sha,
                       std::atomic<std::uint64_t>* bytesRead = nullptr);
 
 // How one file of a side-by-side reading ended.
@@ -80,7 +79,7 @@ struct SideBySideReading {
 // least contentChunkBytes each.
 SideBySideReading readSideBySide(const std::vector<int>& fds, std::uint64_t size,
                                  std::chrono::steady_clock::time_point deadline,
-                                 const Cancellation& cancel, std::vector<unsigned char>& first,
+                                 const std::stop_token& stop, std::vector<unsigned char>& first,
                                  std::vector<unsigned char>& other, Sha256& sha,
                                  std::atomic<std::uint64_t>* bytesRead = nullptr);
 

@@ -1,12 +1,14 @@
 #include "review/DuplicateComparer.h"
 
 #include "base/CleanerError.h"
+#include "base/ParallelFor.h"
 #include "base/Saturating.h"
 #include "base/TestHooks.h"
 #include "core/ByteFormat.h"
 #include "core/CoreFileSystem.h"
 #include "core/PathRules.h"
 #include "platform/ContentReading.h"
+#include "platform/FileSystemExtras.h"
 #include "platform/Words.h"
 #include "reclaim/VaultPolicy.h"
 #include "reclaim/VaultService.h"
@@ -42,17 +44,13 @@ Clock::duration secondsToDuration(double seconds) {
         std::chrono::duration<double>(std::max(0.0, seconds)));
 }
 
-double seconds(const struct timespec& t) {
-    return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) / 1e9;
-}
-
 // The same object, unchanged since the walk recorded it: any write moves the change time.
 bool unchanged(const ReviewCandidate& recorded, const struct stat& now) {
     return static_cast<std::uint64_t>(now.st_dev) == recorded.device &&
            static_cast<std::uint64_t>(now.st_ino) == recorded.inode && S_ISREG(now.st_mode) &&
            now.st_size >= 0 && static_cast<std::uint64_t>(now.st_size) == recorded.logicalSize &&
-           now.st_ctim.tv_sec == recorded.changedSec &&
-           now.st_ctim.tv_nsec == recorded.changedNsec && seconds(now.st_mtim) == recorded.modified;
+           platform::changedTime(now) == recorded.changed() &&
+           platform::modifiedTime(now) == recorded.modified;
 }
 
 struct Member {
@@ -192,6 +190,7 @@ public:
 
 private:
     struct Worker {
+        explicit Worker(size_t bufferBytes) : buffer(bufferBytes) {}
         std::vector<unsigned char> buffer;
         std::vector<unsigned char> second; // the other file of a pair
         Sha256 sha;
@@ -252,17 +251,17 @@ private:
         std::lock_guard guard(lock_);
         release(unit, count);
         itemsSeen_ += count;
-        Clock::time_point now = Clock::now();
-        if (comparer_.progress && now - lastReport_ >= reportEvery) {
-            lastReport_ = now;
-            ReviewProgress p;
-            p.stage = ReviewStage::comparing;
-            p.itemsSeen = itemsSeen_;
-            p.currentPath = path;
-            double elapsed = std::chrono::duration<double>(now - started_).count();
-            p.budgetFraction =
-                options_.compareBudget > 0 ? std::min(1.0, elapsed / options_.compareBudget) : 1.0;
-            comparer_.progress(p);
+        if (OperationProgress* progress = comparer_.progress) {
+            progress->addItems(count);
+            Clock::time_point now = Clock::now();
+            if (now - lastReport_ >= reportEvery) {
+                lastReport_ = now;
+                double elapsed = std::chrono::duration<double>(now - started_).count();
+                progress->setCurrentPath(path);
+                progress->setFraction(options_.compareBudget > 0
+                                          ? std::min(1.0, elapsed / options_.compareBudget)
+                                          : 1.0);
+            }
         }
     }
 
@@ -327,7 +326,7 @@ private:
             return Outcome::done;
         }
         platform::adviseSequential(fd.get());
-        FullDigest digest = fullDigest(fd.get(), unit.size, stageDeadline_, comparer_.cancel,
+        FullDigest digest = fullDigest(fd.get(), unit.size, stageDeadline_, comparer_.stop,
                                        w.buffer, w.sha, &bytesRead_);
         if (digest.cancelled) {
             return Outcome::cancelled;
@@ -367,7 +366,7 @@ private:
             fds.push_back(fd.get());
         }
         w.second.resize(contentChunkBytes);
-        SideBySideReading read = readSideBySide(fds, unit.size, stageDeadline_, comparer_.cancel,
+        SideBySideReading read = readSideBySide(fds, unit.size, stageDeadline_, comparer_.stop,
                                                 w.buffer, w.second, w.sha, &bytesRead_);
         if (read.cancelled) {
             return Outcome::cancelled;
@@ -394,7 +393,7 @@ private:
         } else {
             for (size_t i : others) {
                 Member& m = *members[i];
-                FullDigest digest = fullDigest(fds[i], unit.size, stageDeadline_, comparer_.cancel,
+                FullDigest digest = fullDigest(fds[i], unit.size, stageDeadline_, comparer_.stop,
                                                w.buffer, w.sha, &bytesRead_);
                 if (digest.cancelled) {
                     return Outcome::cancelled;
@@ -452,67 +451,32 @@ private:
             return std::tie(a.device, a.inode, a.unit, a.member) <
                    std::tie(b.device, b.inode, b.unit, b.member);
         });
-        std::atomic<size_t> cursor{0};
-        std::atomic<bool> cancelled{false};
-        std::exception_ptr failure;
-        auto work = [&] {
-            try {
-                Worker worker;
-                worker.buffer.resize(bufferBytes_);
-                for (;;) {
-                    size_t index = cursor.fetch_add(1, std::memory_order_relaxed);
-                    if (index >= tasks.size() || cancelled.load(std::memory_order_relaxed)) {
-                        return;
-                    }
-                    WorkUnit& unit = units[tasks[index].unit];
-                    const bool whole = tasks[index].member == wholeUnit;
-                    Member* member = whole ? nullptr : &unit.members[tasks[index].member];
-                    const size_t count = whole ? unit.members.size() : 1;
-                    const std::string& path = (whole ? unit.members[0] : *member).file.path;
-                    if (comparer_.cancel.requested()) {
-                        cancelled = true;
-                        return;
-                    }
-                    if (!admit(unit, deadline)) {
-                        continue;
-                    }
-                    if (Clock::now() >= deadline) {
-                        abort(unit);
-                        finishMembers(unit, count, path);
-                        continue;
-                    }
-                    Outcome outcome = read(worker, unit, member);
-                    if (outcome == Outcome::cancelled) {
-                        cancelled = true;
-                        return;
-                    }
-                    if (outcome == Outcome::timedOut) {
-                        abort(unit);
-                    }
+        parallelForEach(
+            tasks.size(), threads_, comparer_.stop, [&] { return Worker(bufferBytes_); },
+            [&](Worker& worker, size_t index) {
+                WorkUnit& unit = units[tasks[index].unit];
+                const bool whole = tasks[index].member == wholeUnit;
+                Member* member = whole ? nullptr : &unit.members[tasks[index].member];
+                const size_t count = whole ? unit.members.size() : 1;
+                const std::string& path = (whole ? unit.members[0] : *member).file.path;
+                if (!admit(unit, deadline)) {
+                    return;
+                }
+                if (Clock::now() >= deadline) {
+                    abort(unit);
                     finishMembers(unit, count, path);
+                    return;
                 }
-            } catch (...) {
-                std::lock_guard guard(lock_);
-                if (!failure) {
-                    failure = std::current_exception();
+                Outcome outcome = read(worker, unit, member);
+                if (outcome == Outcome::cancelled) {
+                    throw CleanerError::cancelled();
                 }
-                cancelled = true;
-            }
-        };
-        {
-            std::vector<std::jthread> helpers;
-            size_t count = std::min<size_t>(threads_, std::max<size_t>(tasks.size(), 1));
-            for (size_t t = 1; t < count; ++t) {
-                helpers.emplace_back(work);
-            }
-            work();
-        }
-        if (failure) {
-            std::rethrow_exception(failure);
-        }
-        if (cancelled || comparer_.cancel.requested()) {
-            throw CleanerError::cancelled();
-        }
+                if (outcome == Outcome::timedOut) {
+                    abort(unit);
+                }
+                finishMembers(unit, count, path);
+            });
+        throwIfStopped(comparer_.stop);
     }
 
     // The unit cannot be finished in time: none of its members will be read.
@@ -616,15 +580,15 @@ bool inOwnFolders(const std::string& foldedPath, const std::string& foldedHome) 
 
 DuplicateCandidates collectDuplicateCandidates(const DuplicateScope& scope,
                                                const DuplicateOptions& options,
-                                               const Cancellation& cancel,
-                                               const ReviewProgressCallback& progress) {
+                                               const std::stop_token& stop,
+                                               OperationProgress* progress) {
     DuplicateCandidates candidates;
     candidates.scope = scope;
     candidates.started = std::chrono::system_clock::now();
     ReviewWalkOptions walk = duplicateWalkOptions(scope.root, scope.home);
     walk.minimumBytes = options.minimumBytes;
     walk.budget = options.walkBudget;
-    candidates.walk = walkForReview(walk, cancel, progress);
+    candidates.walk = walkForReview(walk, stop, progress);
     if (candidates.walk.cancelled) {
         throw CleanerError::cancelled();
     }
@@ -639,14 +603,18 @@ DuplicateReport DuplicateComparer::compare() const {
     report.datalessSkipped = candidates.walk.datalessSkipped;
     report.truncated = candidates.walk.truncated;
     report.warnings = candidates.walk.warnings;
-    cancel.check();
+    throwIfStopped(stop);
+    if (progress != nullptr) {
+        progress->setPhase(reviewStage::comparing);
+        progress->setItems(0);
+    }
 
     Comparison comparison(*this, report);
     std::vector<WorkUnit> confirmed =
         comparison.run(bucket(candidates.walk.candidates, options, report));
     testhooks::afterHashing();
     for (WorkUnit& unit : confirmed) {
-        cancel.check();
+        throwIfStopped(stop);
         recheck(unit, comparison);
         if (unit.members.size() < 2) {
             continue;

@@ -1,6 +1,7 @@
 #pragma once
 
-#include "core/Cancellation.h"
+#include "base/Progress.h"
+#include "base/Stop.h"
 #include "review/ReviewWalk.h"
 
 #include <chrono>
@@ -47,7 +48,7 @@ struct DuplicateFile {
     std::uint64_t inode = 0;
     std::int64_t changedSec = 0;
     std::int64_t changedNsec = 0;
-    double born = 0;
+    Timestamp born;
 };
 
 struct DuplicateGroup {
@@ -75,21 +76,16 @@ struct DuplicateReport {
 // the root is not a readable folder, and "Operation cancelled" on Stop.
 DuplicateCandidates collectDuplicateCandidates(const DuplicateScope& scope,
                                                const DuplicateOptions& options,
-                                               const Cancellation& cancel = {},
-                                               const ReviewProgressCallback& progress = {});
+                                               const std::stop_token& stop = {},
+                                               OperationProgress* progress = nullptr);
 
 // Turns candidates into confirmed groups within the compare budget.
 class DuplicateComparer {
 public:
-    // The files of one size that may still be equal, after shared storage was collapsed.
-    struct Unit {
-        std::vector<ReviewCandidate> members;
-    };
-
     DuplicateCandidates candidates;
     DuplicateOptions options;
-    Cancellation cancel;
-    ReviewProgressCallback progress;
+    std::stop_token stop;
+    OperationProgress* progress = nullptr;
 
     // Throws "Operation cancelled" on Stop; a time limit keeps what was confirmed and marks the
     // report truncated.

@@ -1,6 +1,7 @@
 #include "review/LargeOldFinder.h"
 
 #include "base/CleanerError.h"
+#include "base/Stop.h"
 #include "core/ByteFormat.h"
 #include "core/PathRules.h"
 #include "platform/Words.h"
@@ -118,7 +119,7 @@ LargeOldReport LargeOldFinder::find() const {
     walk.excluded = coverage;
     walk.minimumBytes = options.minimumBytes;
     walk.budget = options.budget;
-    ReviewWalkResult found = walkForReview(walk, cancel, progress);
+    ReviewWalkResult found = walkForReview(walk, stop, progress);
     if (found.cancelled) {
         throw CleanerError::cancelled();
     }
@@ -131,34 +132,35 @@ LargeOldReport LargeOldFinder::find() const {
     // system's record.
     std::vector<ReviewCandidate> old;
     for (ReviewCandidate& c : found.candidates) {
-        if (std::max(c.modified, c.born) <= report.cutoff) {
+        if (std::max(c.modified, c.born).seconds() <= report.cutoff) {
             old.push_back(std::move(c));
         }
     }
 
-    std::uint64_t dated = 0;
+    if (progress != nullptr) {
+        progress->setPhase(reviewStage::dating);
+        progress->setItems(0);
+    }
     for (const ReviewCandidate& c : old) {
-        if (cancel.requested()) {
-            throw CleanerError::cancelled();
-        }
+        throwIfStopped(stop);
         if (Clock::now() >= deadline) {
             report.truncated = true;
             break;
         }
-        ++dated;
-        if (progress) {
+        if (progress != nullptr) {
             double elapsed = std::chrono::duration<double>(Clock::now() - started).count();
-            progress({ReviewStage::dating, dated, c.path,
-                      options.budget > 0 ? std::min(1.0, elapsed / options.budget) : 1.0});
+            progress->addItems(1);
+            progress->setCurrentPath(c.path);
+            progress->setFraction(options.budget > 0 ? std::min(1.0, elapsed / options.budget)
+                                                     : 1.0);
         }
-        const double fileTime = std::max(c.modified, c.born);
+        const double fileTime = std::max(c.modified, c.born).seconds();
         platform::LastOpenedRecord record;
         if (reader) {
             platform::FileTimes times;
-            times.modified = c.modified;
-            times.changed =
-                static_cast<double>(c.changedSec) + static_cast<double>(c.changedNsec) / 1e9;
-            times.accessed = c.accessed;
+            times.modified = c.modified.seconds();
+            times.changed = c.changed().seconds();
+            times.accessed = c.accessed.seconds();
             times.device = c.device;
             record = reader(c.path, times);
         }

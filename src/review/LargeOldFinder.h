@@ -1,11 +1,12 @@
 #pragma once
 
-#include "core/Cancellation.h"
+#include "base/Progress.h"
 #include "platform/LastOpened.h"
 #include "review/ReviewWalk.h"
 
 #include <chrono>
 #include <cstdint>
+#include <stop_token>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -70,8 +71,8 @@ struct LargeOldFinder {
     std::vector<std::string> coverage;
     LargeOldOptions options;
     platform::LastOpenedReader reader;
-    Cancellation cancel;
-    ReviewProgressCallback progress;
+    std::stop_token stop;
+    OperationProgress* progress = nullptr;
 
     // The person's folders and developer folders of `home`, dated by the system's record.
     static LargeOldFinder standard(const std::string& home);

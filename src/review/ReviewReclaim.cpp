@@ -10,7 +10,7 @@ namespace sd {
 
 ReviewMoveResult moveReviewedItems(const VaultService& vault, ReclaimJournal& journal,
                                    const std::vector<ReviewedItem>& items, const std::string& title,
-                                   const std::string& group, const Cancellation& cancel) {
+                                   const std::string& group, const std::stop_token& stop) {
     ReviewMoveResult result;
     std::vector<std::string> paths;
     for (const ReviewedItem& item : items) {
@@ -31,7 +31,7 @@ ReviewMoveResult moveReviewedItems(const VaultService& vault, ReclaimJournal& jo
         }
         ticked.push_back(i); // denied items stay, each with its sentence
     }
-    result.outcome = vault.move(result.plan, ticked, {}, cancel);
+    result.outcome = vault.move(result.plan, ticked, stop);
     std::vector<TrashedItem> moved;
     for (const MovedItem& m : result.outcome.moved) {
         moved.push_back(

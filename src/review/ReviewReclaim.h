@@ -1,6 +1,6 @@
 #pragma once
 
-#include "core/Cancellation.h"
+#include "base/Stop.h"
 #include "core/Ledgers.h"
 #include "reclaim/ReclaimJournal.h"
 #include "reclaim/VaultService.h"
@@ -35,7 +35,7 @@ struct ReviewMoveResult {
 // moves the rest and records them in `journal` under `title` (kind findings, row group `group`).
 ReviewMoveResult moveReviewedItems(const VaultService& vault, ReclaimJournal& journal,
                                    const std::vector<ReviewedItem>& items, const std::string& title,
-                                   const std::string& group, const Cancellation& cancel = {});
+                                   const std::string& group, const std::stop_token& stop = {});
 
 // The ticked copies of a group that may move. The copy to keep and copies that share their
 // storage never do: each such path gets a sentence in `refused`.

@@ -6,6 +6,8 @@
 #include "core/CoreFileSystem.h"
 #include "core/MockRoots.h"
 #include "core/PathRules.h"
+#include "core/Walk.h"
+#include "platform/DirectoryReader.h"
 #include "platform/FileSystemExtras.h"
 #include "platform/ScopeTables.h"
 
@@ -62,18 +64,6 @@ constexpr std::array<std::string_view, 24> packageExtensions{
 
 constexpr size_t warningLimit = 20;
 constexpr std::uint64_t checkEvery = 64;
-constexpr auto reportEvery = std::chrono::milliseconds(100);
-
-double seconds(const struct timespec& t) {
-    return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) / 1e9;
-}
-
-std::string childPath(std::string_view parent, std::string_view name) {
-    std::string path;
-    path.reserve(parent.size() + name.size() + 1);
-    path.append(parent == "/" ? std::string_view() : parent).append("/").append(name);
-    return path;
-}
 
 std::vector<std::string> splitPattern(std::string_view pattern) {
     const std::string absolute = std::string("/").append(pattern); // the views point into it
@@ -84,23 +74,18 @@ std::vector<std::string> splitPattern(std::string_view pattern) {
     return parts;
 }
 
-struct Frame {
-    UniqueFd fd;
-    std::string path;
-    std::vector<std::string> names;
-    size_t next = 0;
-    int depth = 0;
-    std::uint64_t device = 0;
-    // Path relative to the home while it is shallow enough for an exclusion to match below it.
-    std::optional<std::string> relative;
-    size_t relativeDepth = 0;
-};
-
 class Walker {
 public:
-    Walker(const ReviewWalkOptions& options, const Cancellation& cancel,
-           const ReviewProgressCallback& progress)
-        : options_(options), cancel_(cancel), progress_(progress), started_(Clock::now()),
+    // Per open folder: its path relative to the home while it is shallow enough for an exclusion
+    // to match below it.
+    struct Folder {
+        std::optional<std::string> relative;
+        size_t relativeDepth = 0;
+    };
+
+    Walker(const ReviewWalkOptions& options, const std::stop_token& stop,
+           OperationProgress* progress)
+        : options_(options), stop_(stop), progress_(progress), started_(Clock::now()),
           deadline_(started_ + std::chrono::duration_cast<Clock::duration>(
                                    std::chrono::duration<double>(std::max(0.0, options.budget)))) {
         for (const std::string& pattern : options.excluded) {
@@ -110,6 +95,9 @@ public:
     }
 
     ReviewWalkResult run() {
+        if (progress_ != nullptr) {
+            progress_->setPhase(reviewStage::walking);
+        }
         for (const ReviewRoot& root : options_.roots) {
             if (result_.cancelled || result_.truncated) {
                 break;
@@ -121,8 +109,63 @@ public:
                                        (overflow_ == 1 ? " more problem" : " more problems") +
                                        " like these.");
         }
-        report(nullptr);
+        reportFraction();
         return std::move(result_);
+    }
+
+    WalkStep visit(Folder& in, const WalkEntry& entry) {
+        if (++seen_ % checkEvery == 0) {
+            reportFraction();
+        }
+        const struct stat& st = entry.stat();
+        if (S_ISREG(st.st_mode)) {
+            consider(entry);
+            return WalkStep::skip;
+        }
+        if (!S_ISDIR(st.st_mode)) {
+            return WalkStep::skip; // links are never followed; devices and pipes hold no documents
+        }
+        if (leftOut(in, entry.name)) {
+            return WalkStep::skip;
+        }
+        if (static_cast<std::uint64_t>(st.st_dev) != device_) {
+            warn("Skipped mounted filesystem: " + entry.path());
+            return WalkStep::skip;
+        }
+        if (isPackageName(entry.name)) {
+            if (options_.packages == PackageHandling::asItems && !considerPackage(entry)) {
+                return WalkStep::stop;
+            }
+            return WalkStep::skip;
+        }
+        if (entry.depth >= maxWalkDepth) {
+            warn("Traversal depth limit: " + entry.path());
+            return WalkStep::skip;
+        }
+        return WalkStep::enter;
+    }
+
+    void enter(Folder& child, Folder& in, const WalkEntry& entry) {
+        child = Folder{};
+        if (in.relative && in.relativeDepth + 1 < deepestPattern_) {
+            child.relative =
+                in.relative->empty() ? std::string(entry.name) : *in.relative + "/" + entry.name;
+            child.relativeDepth = in.relativeDepth + 1;
+        }
+    }
+
+    void leave(Folder&, Folder*, const WalkExit&) {}
+
+    WalkStep problem(Folder&, const std::string&, const CleanerError& error) {
+        std::string_view text = error.what();
+        // A folder that could not be opened or read is counted as unreadable; an entry that could
+        // not be looked at, or a folder swapped while we looked, is only told.
+        if (!text.starts_with(operation::readingMetadata) &&
+            !text.starts_with("Directory changed") && !text.starts_with("Directory contains")) {
+            ++result_.unreadable;
+        }
+        warn(std::string(text) + " — left out.");
+        return WalkStep::skip;
     }
 
 private:
@@ -195,18 +238,20 @@ private:
         if (!S_ISDIR(found->st_mode)) {
             return fail(CleanerError::Kind::invalidPath, "it is not a folder");
         }
-        UniqueFd fd = openListing(parent->fd.get(), parent->name.c_str());
-        if (!fd) {
-            int error = errno;
-            return fail(error == EACCES || error == EPERM ? CleanerError::Kind::accessDenied
-                                                          : CleanerError::Kind::ioError,
-                        std::strerror(error));
-        }
-        if (::fstat(fd.get(), &st) != 0 || st.st_dev != found->st_dev ||
-            st.st_ino != found->st_ino) {
+        VerifiedChild opened =
+            openVerifiedChild(parent->fd.get(), parent->name.c_str(), path, *found);
+        switch (opened.outcome) {
+        case ChildOpening::opened:
+            st = *found;
+            return std::move(opened.fd);
+        case ChildOpening::failed:
+            return fail(opened.error == EACCES || opened.error == EPERM
+                            ? CleanerError::Kind::accessDenied
+                            : CleanerError::Kind::ioError,
+                        std::strerror(opened.error));
+        default:
             return fail(CleanerError::Kind::safetyViolation, "it changed while it was opened");
         }
-        return fd;
     }
 
     void walkRoot(const ReviewRoot& root) {
@@ -216,23 +261,23 @@ private:
         if (!fd) {
             return;
         }
-        Frame frame;
-        frame.fd = std::move(fd);
-        frame.path = path;
-        frame.device = static_cast<std::uint64_t>(st.st_dev);
+        device_ = static_cast<std::uint64_t>(st.st_dev);
+        Folder folder;
         if (isInside(path, options_.home)) {
             std::string relative =
                 path.size() > options_.home.size() ? path.substr(options_.home.size() + 1) : "";
             size_t depth =
                 relative.empty() ? 0 : splitComponents(std::string("/").append(relative)).size();
             if (depth < deepestPattern_) {
-                frame.relative = relative;
-                frame.relativeDepth = depth;
+                folder.relative = relative;
+                folder.relativeDepth = depth;
             }
         }
-        try {
-            frame.names = listDirectory(frame.fd.get(), path);
-        } catch (const CleanerError& error) {
+        // The root itself must be readable: a required root that is not is refused as a whole.
+        std::vector<std::string> probe;
+        if (platform::DirectoryReadFailure failure = platform::readDirectoryNames(fd.get(), probe);
+            !failure.operation.empty()) {
+            CleanerError error = makeCoreError(failure.operation, path, failure.error);
             if (root.requirement == RootRequirement::required) {
                 refuse(error.kind(), path, "its contents could not be read");
             }
@@ -240,113 +285,24 @@ private:
             warn(std::string(error.what()) + " — left out.");
             return;
         }
-        stack_.clear();
-        stack_.push_back(std::move(frame));
-        while (!stack_.empty()) {
-            Frame& top = stack_.back();
-            if (top.next >= top.names.size()) {
-                stack_.pop_back();
-                continue;
-            }
-            const std::string name = top.names[top.next++];
-            if (!visit(top, name)) {
-                return;
-            }
-        }
-    }
-
-    // Examines one entry of `frame`; false once the walk must stop. May push a frame, after
-    // which `frame` must not be used.
-    bool visit(Frame& frame, const std::string& name) {
-        result_.nodeCount = saturatingAdd(result_.nodeCount, 1);
-        if (cancel_.requested()) {
+        ::lseek(fd.get(), 0, SEEK_SET);
+        WalkOptions walk;
+        walk.utf8Names = true;
+        walk.stop = stop_;
+        walk.deadline = deadline_;
+        walk.progress = progress_;
+        TreeWalk<Walker> treeWalk(*this, walk);
+        WalkEnd end = treeWalk.run(folder, std::move(fd), path);
+        result_.nodeCount = saturatingAdd(result_.nodeCount, treeWalk.examined());
+        if (end == WalkEnd::cancelled) {
             result_.cancelled = true;
-            return false;
+        } else if (end == WalkEnd::timedOut) {
+            result_.truncated = true;
         }
-        if (result_.nodeCount % checkEvery == 0) {
-            Clock::time_point now = Clock::now();
-            if (now >= deadline_) {
-                result_.truncated = true;
-                return false;
-            }
-            if (now - lastReport_ >= reportEvery) {
-                report(&frame.path);
-            }
-        }
-        struct stat st {};
-        if (::fstatat(frame.fd.get(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
-            if (errno != ENOENT) {
-                warn(makeCoreError(operation::readingMetadata, childPath(frame.path, name), errno)
-                         .message() +
-                     " — left out.");
-            }
-            return true;
-        }
-        if (S_ISREG(st.st_mode)) {
-            consider(frame, name, st);
-            return true;
-        }
-        if (!S_ISDIR(st.st_mode)) {
-            return true; // links are never followed; devices and pipes hold no documents
-        }
-        if (leftOut(frame, name)) {
-            return true;
-        }
-        std::string path = childPath(frame.path, name);
-        if (static_cast<std::uint64_t>(st.st_dev) != frame.device) {
-            warn("Skipped mounted filesystem: " + path);
-            return true;
-        }
-        if (isPackageName(name)) {
-            if (options_.packages == PackageHandling::asItems) {
-                return considerPackage(frame, name, std::move(path), st);
-            }
-            return true;
-        }
-        if (frame.depth + 1 >= maxWalkDepth) {
-            warn("Traversal depth limit: " + path);
-            return true;
-        }
-        UniqueFd child = openListing(frame.fd.get(), name.c_str());
-        if (!child) {
-            if (errno != ENOENT) {
-                ++result_.unreadable;
-                warn(makeCoreError(operation::openingDirectory, path, errno).message() +
-                     " — left out.");
-            }
-            return true;
-        }
-        struct stat opened {};
-        if (::fstat(child.get(), &opened) != 0 || opened.st_dev != st.st_dev ||
-            opened.st_ino != st.st_ino) {
-            warn("Directory changed during traversal: " + path + " — left out.");
-            return true;
-        }
-        Frame next;
-        try {
-            next.names = listDirectory(child.get(), path, cancel_);
-        } catch (const CleanerError& error) {
-            if (error.kind() == CleanerError::Kind::operationCancelled) {
-                result_.cancelled = true;
-                return false;
-            }
-            ++result_.unreadable;
-            warn(std::string(error.what()) + " — left out.");
-            return true;
-        }
-        next.fd = std::move(child);
-        next.path = std::move(path);
-        next.depth = frame.depth + 1;
-        next.device = frame.device;
-        if (frame.relative && frame.relativeDepth + 1 < deepestPattern_) {
-            next.relative = frame.relative->empty() ? name : *frame.relative + "/" + name;
-            next.relativeDepth = frame.relativeDepth + 1;
-        }
-        stack_.push_back(std::move(next)); // `frame` may dangle from here on
-        return true;
     }
 
-    bool leftOut(const Frame& frame, const std::string& name) const {
+    bool leftOut(const Folder& in, const char* nameText) const {
+        std::string_view name(nameText);
         if (std::find(repositoryFolders.begin(), repositoryFolders.end(), name) !=
                 repositoryFolders.end() ||
             isCacheName(name)) {
@@ -355,18 +311,18 @@ private:
         if (options_.hidden == HiddenFolders::skip && name.starts_with('.')) {
             return true;
         }
-        if (!frame.relative) {
+        if (!in.relative) {
             return false;
         }
-        const size_t depth = frame.relativeDepth + 1;
+        const size_t depth = in.relativeDepth + 1;
         for (const std::vector<std::string>& pattern : patterns_) {
             if (pattern.size() != depth) {
                 continue;
             }
-            if (::fnmatch(pattern.back().c_str(), name.c_str(), FNM_PERIOD) != 0) {
+            if (::fnmatch(pattern.back().c_str(), nameText, FNM_PERIOD) != 0) {
                 continue;
             }
-            const std::string absolute = std::string("/").append(*frame.relative); // views into it
+            const std::string absolute = std::string("/").append(*in.relative); // views into it
             std::vector<std::string_view> above = splitComponents(absolute);
             bool all = true;
             for (size_t i = 0; all && i < above.size(); ++i) {
@@ -384,7 +340,7 @@ private:
                (options_.sizeRule == SizeRule::logical || allocated >= options_.minimumBytes);
     }
 
-    ReviewCandidate candidateOf(const std::string& path, const struct stat& st) const {
+    static ReviewCandidate candidateOf(const std::string& path, const struct stat& st) {
         ReviewCandidate c;
         c.path = path;
         c.device = static_cast<std::uint64_t>(st.st_dev);
@@ -392,15 +348,17 @@ private:
         c.links = st.st_nlink == 0 ? 1 : static_cast<std::uint64_t>(st.st_nlink);
         c.logicalSize = st.st_size < 0 ? 0 : static_cast<std::uint64_t>(st.st_size);
         c.physicalBytes = allocatedBytesOf(st);
-        c.modified = seconds(st.st_mtim);
-        c.accessed = seconds(st.st_atim);
-        c.changedSec = st.st_ctim.tv_sec;
-        c.changedNsec = st.st_ctim.tv_nsec;
+        c.modified = platform::modifiedTime(st);
+        c.accessed = platform::accessedTime(st);
+        const Timestamp changed = platform::changedTime(st);
+        c.changedSec = changed.sec;
+        c.changedNsec = changed.nsec;
         c.born = c.modified;
         return c;
     }
 
-    void consider(const Frame& frame, const std::string& name, const struct stat& st) {
+    void consider(const WalkEntry& entry) {
+        const struct stat& st = entry.stat();
         std::uint64_t logical = st.st_size < 0 ? 0 : static_cast<std::uint64_t>(st.st_size);
         if (platform::isDataless(st)) {
             if (logical >= options_.minimumBytes) {
@@ -411,21 +369,22 @@ private:
         if (!bigEnough(logical, allocatedBytesOf(st))) {
             return;
         }
-        ReviewCandidate c = candidateOf(childPath(frame.path, name), st);
-        if (auto born = platform::birthTime(frame.fd.get(), name.c_str(), st)) {
-            c.born = static_cast<double>(born->sec) + static_cast<double>(born->nsec) / 1e9;
+        ReviewCandidate c = candidateOf(entry.path(), st);
+        if (auto born = platform::birthTime(entry.folderFd, entry.name, st)) {
+            c.born = *born;
         }
         result_.candidates.push_back(std::move(c));
     }
 
-    // A package is measured whole; its date is the newest change of anything inside it.
-    bool considerPackage(const Frame& frame, const std::string& name, std::string path,
-                         const struct stat& st) {
+    // A package is measured whole; its date is the newest change of anything inside it. False
+    // once the walk must end.
+    bool considerPackage(const WalkEntry& entry) {
+        const struct stat& st = entry.stat();
         HardlinkLedger ledger;
         InventoryNode node;
         try {
-            node = buildInventory(frame.fd.get(), name, path, st, frame.depth + 1, deadline_,
-                                  ledger, cancel_);
+            node = buildInventory(entry.folderFd, entry.name, entry.path(), st, entry.depth,
+                                  deadline_, ledger, stop_);
         } catch (const CleanerError& error) {
             if (error.kind() == CleanerError::Kind::operationCancelled) {
                 result_.cancelled = true;
@@ -435,86 +394,60 @@ private:
             warn(std::string(error.what()) + " — left out.");
             return true;
         }
-        if (!node.isComplete) {
-            result_.truncated = Clock::now() >= deadline_;
+        if (!node.isComplete && Clock::now() >= deadline_) {
+            result_.truncated = true;
         }
         if (!bigEnough(node.logicalBytes, node.physicalBytes)) {
             return !result_.truncated;
         }
-        ReviewCandidate c = candidateOf(path, st);
+        ReviewCandidate c = candidateOf(entry.path(), st);
         c.isPackage = true;
         c.logicalSize = node.logicalBytes;
         c.physicalBytes = node.physicalBytes;
-        c.modified = std::max(c.modified, static_cast<double>(node.newest));
+        c.modified = std::max(c.modified, Timestamp{node.newest, 0});
         c.born = c.modified;
-        if (auto born = platform::birthTime(frame.fd.get(), name.c_str(), st)) {
-            c.born = static_cast<double>(born->sec) + static_cast<double>(born->nsec) / 1e9;
+        if (auto born = platform::birthTime(entry.folderFd, entry.name, st)) {
+            c.born = *born;
         }
         result_.candidates.push_back(std::move(c));
         return !result_.truncated;
     }
 
-    void report(const std::string* path) {
-        if (!progress_) {
+    void reportFraction() {
+        if (progress_ == nullptr) {
             return;
         }
-        lastReport_ = Clock::now();
         double budget = std::max(options_.budget, 1e-9);
-        double elapsed = std::chrono::duration<double>(lastReport_ - started_).count();
-        ReviewProgress p;
-        p.stage = ReviewStage::walking;
-        p.itemsSeen = result_.nodeCount;
-        if (path != nullptr) {
-            p.currentPath = *path;
-        }
-        p.budgetFraction = result_.truncated ? 1.0 : std::min(1.0, elapsed / budget);
-        progress_(p);
+        double elapsed = std::chrono::duration<double>(Clock::now() - started_).count();
+        progress_->setFraction(result_.truncated ? 1.0 : std::min(1.0, elapsed / budget));
     }
 
     const ReviewWalkOptions& options_;
-    const Cancellation& cancel_;
-    const ReviewProgressCallback& progress_;
+    std::stop_token stop_;
+    OperationProgress* progress_;
     Clock::time_point started_;
     Clock::time_point deadline_;
-    Clock::time_point lastReport_{};
     std::vector<std::vector<std::string>> patterns_;
     size_t deepestPattern_ = 0;
-    std::vector<Frame> stack_;
+    std::uint64_t device_ = 0;
+    std::uint64_t seen_ = 0;
     ReviewWalkResult result_;
     std::uint64_t overflow_ = 0;
 };
 
 } // namespace
 
-std::string_view reviewStageName(ReviewStage stage) {
-    switch (stage) {
-    case ReviewStage::walking:
-        return "walking";
-    case ReviewStage::dating:
-        return "dating";
-    case ReviewStage::comparing:
-        return "comparing";
+std::string reviewProgressText(const OperationProgress::Reading& progress) {
+    if (progress.items == 0) {
+        return progress.phase;
     }
-    return "walking";
+    std::string items = formatCount(progress.items) + (progress.items == 1 ? " item" : " items");
+    return progress.phase.empty() ? items : progress.phase + " — " + items;
 }
 
-std::string reviewProgressText(const ReviewProgress& progress) {
-    std::string items =
-        formatCount(progress.itemsSeen) + (progress.itemsSeen == 1 ? " item" : " items");
-    switch (progress.stage) {
-    case ReviewStage::walking:
-        return "Reading your folders — " + items;
-    case ReviewStage::dating:
-        return "Checking when files were last opened — " + items;
-    case ReviewStage::comparing:
-        return "Comparing contents — " + items;
-    }
-    return items;
-}
-
-ReviewWalkResult walkForReview(const ReviewWalkOptions& options, const Cancellation& cancel,
-                               const ReviewProgressCallback& progress) {
-    return Walker(options, cancel, progress).run();
+ReviewWalkResult walkForReview(const ReviewWalkOptions& options, const std::stop_token& stop,
+                               OperationProgress* progress) {
+    return Walker(options, stop, progress).run();
 }
 
 ReviewWalkOptions duplicateWalkOptions(const std::string& root, const std::string& home) {

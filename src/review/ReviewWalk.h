@@ -1,11 +1,13 @@
 #pragma once
 
-#include "core/Cancellation.h"
+#include "base/Identity.h"
+#include "base/Progress.h"
 
 #include <chrono>
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <stop_token>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -15,7 +17,7 @@
 // out what the Sweep already covers.
 namespace sd {
 
-// A file (or a package, counted whole) the walk found. Dates are seconds since 1970.
+// A file (or a package, counted whole) the walk found.
 struct ReviewCandidate {
     std::string path;
     std::uint64_t device = 0;
@@ -23,28 +25,26 @@ struct ReviewCandidate {
     std::uint64_t links = 1;
     std::uint64_t logicalSize = 0;
     std::uint64_t physicalBytes = 0; // allocated
-    double modified = 0;
-    double born = 0; // the modification time where the file system keeps no creation time
-    double accessed = 0;
+    Timestamp modified;
+    Timestamp born; // the modification time where the file system keeps no creation time
+    Timestamp accessed;
     std::int64_t changedSec = 0;
     std::int64_t changedNsec = 0;
     bool isPackage = false;
     std::optional<std::uint64_t> cloneID;
+
+    Timestamp changed() const noexcept { return {changedSec, changedNsec}; }
 };
 
-enum class ReviewStage { walking, dating, comparing };
-std::string_view reviewStageName(ReviewStage stage);
+// The stages of a review search, as their progress phase names them.
+namespace reviewStage {
+inline constexpr std::string_view walking = "Reading your folders";
+inline constexpr std::string_view dating = "Checking when files were last opened";
+inline constexpr std::string_view comparing = "Comparing contents";
+} // namespace reviewStage
 
-struct ReviewProgress {
-    ReviewStage stage = ReviewStage::walking;
-    std::uint64_t itemsSeen = 0;
-    std::optional<std::string> currentPath;
-    double budgetFraction = 0; // of the stage's own budget, 0 to 1
-};
-using ReviewProgressCallback = std::function<void(const ReviewProgress&)>;
-
-// The line a front end shows for a progress report: "Reading your folders — 1,234 items".
-std::string reviewProgressText(const ReviewProgress& progress);
+// The line a front end shows for a progress reading: "Reading your folders — 1,234 items".
+std::string reviewProgressText(const OperationProgress::Reading& progress);
 
 struct ReviewWalkResult {
     std::vector<ReviewCandidate> candidates;
@@ -86,10 +86,11 @@ struct ReviewWalkOptions {
 
 // Walks the roots in order, each in sorted name order. Throws CleanerError with a sentence when a
 // required root is not a readable folder inside the home (or an owned fixture root); problems
-// below a root become warnings. Cancellation and the time limit end the walk early and are
-// reported in the result, never thrown.
-ReviewWalkResult walkForReview(const ReviewWalkOptions& options, const Cancellation& cancel = {},
-                               const ReviewProgressCallback& progress = {});
+// below a root become warnings. A stop and the time limit end the walk early and are reported in
+// the result, never thrown. `progress` gets the phase, the items seen, the folder being read and
+// the share of the budget used.
+ReviewWalkResult walkForReview(const ReviewWalkOptions& options, const std::stop_token& stop = {},
+                               OperationProgress* progress = nullptr);
 
 // The duplicate search's scope: the home (or `root`) without Library, the Trash, cloud folders
 // and tool caches.

@@ -81,8 +81,6 @@ public:
     void replace(SpaceTree tree);
     // Patches the tree in place and marks it stale until the next scan.
     void applyMoves(std::vector<SpaceTreeMove> moves, std::string_view trashPath);
-    // The file system changed under the tree in a way no move describes.
-    void markStale() noexcept { stale_ = true; }
 
 private:
     std::optional<SpaceTree> tree_;

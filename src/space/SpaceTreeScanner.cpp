@@ -1,15 +1,19 @@
 #include "space/SpaceTreeScanner.h"
 
 #include "base/OpenFlags.h"
+#include "base/ParallelFor.h"
 #include "base/PathText.h"
 #include "base/Saturating.h"
+#include "base/Stop.h"
 #include "base/TestHooks.h"
 #include "core/ByteFormat.h"
 #include "core/CoreFileSystem.h"
 #include "core/MockRoots.h"
 #include "core/PathRules.h"
+#include "core/Walk.h"
 #include "platform/CloneAttributes.h"
 #include "platform/DirectoryReader.h"
+#include "platform/FileSystemExtras.h"
 
 #include <algorithm>
 #include <atomic>
@@ -117,10 +121,11 @@ struct WorkUnit {
     int depth = 1;
     std::string name; // a top-level folder: its name in the root and what the listing said
     struct stat listed {};
-    platform::DirectoryStream stream; // the rest of a folder: its open stream
-    bool continuation = false;
+    std::optional<sd::WalkUnit> rest; // the rest of a folder: its open listing
 };
 
+// The queue workers take units from. Workers can join while a scan runs (when the disk, not the
+// processor, is what they wait for); the queue is finished once every worker waits on it empty.
 class WorkQueue {
 public:
     explicit WorkQueue(unsigned workers) : workers_(workers) {}
@@ -132,6 +137,16 @@ public:
             queued_.store(units_.size(), std::memory_order_relaxed);
         }
         ready_.notify_one();
+    }
+
+    // Counts one more worker that will take units. False once the queue is finished.
+    bool addWorker() {
+        std::lock_guard guard(lock_);
+        if (finished_) {
+            return false;
+        }
+        ++workers_;
+        return true;
     }
 
     // The next unit; empty once every worker is idle and nothing is queued.
@@ -158,7 +173,9 @@ public:
         }
     }
 
-    // True when a worker waits and nothing is queued: a busy worker should hand work over.
+    // True when a worker waits and nothing is queued: a busy worker should hand work over. Two
+    // relaxed loads of values that change only when a unit moves, so it costs the hot path
+    // nothing to ask before every entry.
     bool wantsWork() const noexcept {
         return idleHint_.load(std::memory_order_relaxed) > 0 &&
                queued_.load(std::memory_order_relaxed) == 0;
@@ -181,11 +198,6 @@ private:
     std::atomic<size_t> queued_{0};
 };
 
-struct BigItem {
-    std::string path;
-    std::uint64_t bytes = 0;
-};
-
 // What every worker of one scan shares.
 struct ScanState {
     const SpaceTreeScanner& scanner;
@@ -196,13 +208,14 @@ struct ScanState {
     bool askClones = false;
     std::string home;
     Clock::time_point deadline;
+    OperationProgress* progress = nullptr;
 
     SharedHardlinkLedger hardlinks;
     SharedCloneLedger clones;
     WorkQueue queue;
+    // Stops every worker: the caller's stop, or the time limit reached by any of them.
+    LinkedStop stop;
 
-    std::atomic<bool> stop{false};
-    std::atomic<bool> cancelled{false};
     std::atomic<bool> timedOut{false};
     std::atomic<bool> tooDeep{false};
     std::atomic<std::uint64_t> entries{0};
@@ -211,15 +224,14 @@ struct ScanState {
     std::atomic<std::uint64_t> splits{0};
     size_t topItemCount = 0;
 
-    std::mutex bigLock;
-    std::vector<BigItem> bigItems;
+    ScanState(const SpaceTreeScanner& s, unsigned workers, const std::stop_token& outer)
+        : scanner(s), options(s.options), queue(workers), stop(outer) {}
 
-    ScanState(const SpaceTreeScanner& s, unsigned workers)
-        : scanner(s), options(s.options), queue(workers) {}
-
+    // A very large item, shown before the scan ends.
     void streamBig(std::string path, std::uint64_t bytes) {
-        std::lock_guard guard(bigLock);
-        bigItems.push_back({std::move(path), bytes});
+        if (progress != nullptr) {
+            progress->notice(std::move(path), bytes);
+        }
     }
 };
 
@@ -243,9 +255,6 @@ struct KeptNote {
 } // namespace
 
 struct SpaceTreeScanner::Frame {
-    platform::DirectoryStream stream;
-    size_t pathLength = 0; // the folder's path is the first pathLength bytes of the path buffer
-    size_t nameOffset = 0;
     int depth = 0;          // levels below the scanned root
     bool filesOnly = false; // below maxDepth: totals only, no nodes
     std::uint64_t total = 0;
@@ -259,6 +268,18 @@ struct SpaceTreeScanner::Frame {
     bool shared = false;  // part of this folder is walked elsewhere
     bool donated = false; // its unread rest went to another worker
     bool warned = false;
+
+    // Makes a reused frame new again, keeping the memory its lists hold.
+    void reset(int newDepth, int maxDepth) {
+        depth = newDepth;
+        filesOnly = newDepth > maxDepth;
+        total = files = entries = disputed = 0;
+        latest = 0;
+        kept.clear();
+        notes.clear();
+        complete = true;
+        shared = donated = warned = false;
+    }
 };
 
 struct SpaceTreeScanner::ItemResult {
@@ -279,21 +300,23 @@ struct SpaceTreeScanner::Drained {
 
 namespace {
 
-using Frame = SpaceTreeScanner::Frame;
 using ItemResult = SpaceTreeScanner::ItemResult;
 
+// One worker: a visitor of the shared walk that keeps, per open folder, the sums and the
+// children that might become nodes, and hands folders over to idle workers.
 class Walker {
 public:
-    explicit Walker(ScanState& state) : state_(state), options_(state.options) {
-        stack_.reserve(64);
-    }
+    using Folder = SpaceTreeScanner::Frame;
+
+    explicit Walker(ScanState& state)
+        : state_(state), options_(state.options), walk_(*this, walkOptions(state)) {}
 
     // Takes units from the queue until there are none left.
     void run() {
         while (std::optional<WorkUnit> unit = state_.queue.pop()) {
             state_.workItems.fetch_add(1, std::memory_order_relaxed);
-            bool topLevel = !unit->continuation;
-            if (state_.stop.load(std::memory_order_relaxed)) {
+            bool topLevel = !unit->rest;
+            if (state_.stop.stopRequested()) {
                 results.push_back(abandoned(*unit));
             } else {
                 results.push_back(walk(std::move(*unit)));
@@ -306,18 +329,62 @@ public:
     }
 
     // Lists the root: its files are counted here, its folders become the top-level units.
-    ItemResult walkRoot(OpenRoot& root, std::vector<WorkUnit>& topLevel) {
+    ItemResult walkRoot(UniqueFd rootFd, const std::string& rootPath,
+                        std::vector<WorkUnit>& topLevel) {
         topLevel_ = &topLevel;
-        WorkUnit unit;
-        unit.path = root.path;
-        unit.depth = 0;
-        unit.continuation = true;
-        unit.stream =
-            platform::DirectoryStream(std::move(root.fd), takeBuffer(), streamBufferBytes);
-        ItemResult result = walk(std::move(unit));
+        ItemResult result;
+        result.node.path = rootPath;
+        result_ = &result;
+        topIndex_ = 0;
+        Folder root;
+        root.reset(0, options_.maxDepth);
+        root.shared = true; // its total is known only once every top-level item is in
+        finish(walk_.run(root, std::move(rootFd), rootPath, 0));
+        result.entries = takeExamined();
         topLevel_ = nullptr;
+        result_ = nullptr;
         flushProgress();
         return result;
+    }
+
+    // The walk's own calls.
+    WalkStep visit(Folder& in, const WalkEntry& entry) {
+        countEntry();
+        const struct stat& st = entry.stat();
+        if (S_ISREG(st.st_mode)) {
+            countFile(in, entry);
+        } else if (S_ISDIR(st.st_mode)) {
+            return enterFolder(in, entry);
+        }
+        return WalkStep::skip;
+    }
+    void enter(Folder& child, Folder&, const WalkEntry& entry) {
+        child.reset(entry.depth, options_.maxDepth);
+    }
+    void leave(Folder& folder, Folder* parent, const WalkExit& exit) {
+        if (!exit.complete) {
+            folder.complete = false;
+        }
+        finishFolder(folder, parent, exit.path);
+    }
+    WalkStep problem(Folder& in, const std::string&, const CleanerError& error) {
+        noteProblem(in, error);
+        return WalkStep::skip;
+    }
+    bool wantsShare() const noexcept { return state_.queue.wantsWork(); }
+    // Below the node depth nothing is kept apart, so a part read elsewhere could not be merged
+    // back by path.
+    bool canShare(const Folder& folder) const noexcept { return !folder.filesOnly; }
+    void share(Folder& folder, sd::WalkUnit rest) {
+        WorkUnit unit;
+        unit.topIndex = topIndex_;
+        unit.path = rest.path;
+        unit.depth = rest.depth;
+        unit.rest = std::move(rest);
+        folder.donated = true;
+        folder.shared = true;
+        state_.splits.fetch_add(1, std::memory_order_relaxed);
+        state_.queue.push(std::move(unit));
     }
 
     ScanPartial partial;
@@ -327,6 +394,16 @@ public:
     std::vector<std::string> problems; // first problem of each folder not read in full
 
 private:
+    static WalkOptions walkOptions(const ScanState& state) {
+        WalkOptions options;
+        options.order = WalkOrder::asListed; // sums do not depend on the order
+        options.specialEntries = false;      // links are never followed; pipes hold nothing
+        options.maxDepth = SpaceTreeScanner::maxNestingDepth;
+        options.stop = state.stop.token();
+        options.deadline = state.deadline;
+        return options;
+    }
+
     ItemResult abandoned(const WorkUnit& unit) {
         ItemResult result;
         result.topIndex = unit.topIndex;
@@ -339,90 +416,48 @@ private:
     ItemResult walk(WorkUnit unit) {
         ItemResult result;
         result.topIndex = unit.topIndex;
+        result.node.path = unit.path;
         result_ = &result;
         topIndex_ = unit.topIndex;
-        path_.assign(unit.path);
-        top_ = 0;
-        Frame& root = pushFrame(unit.depth, unit.path == "/" ? 0 : unit.path.size(),
-                                unit.path.rfind('/') + 1);
-        result.node.path = unit.path;
-        if (unit.continuation) {
-            // The rest of a folder another worker started, or the scanned root, whose total is
-            // only known once every top-level item is in.
-            root.stream = std::move(unit.stream);
+        Folder root;
+        root.reset(unit.depth, options_.maxDepth);
+        if (unit.rest) {
+            // The rest of a folder another worker started.
             root.shared = true;
+            finish(walk_.run(root, std::move(*unit.rest)));
         } else {
-            UniqueFd fd = openChecked(state_.rootFd, unit.name.c_str(), unit.listed, root, true);
-            if (!fd) {
-                finishFrame();
-                result_ = nullptr;
-                return result;
-            }
-            root.stream = platform::DirectoryStream(std::move(fd), takeBuffer(), streamBufferBytes);
-        }
-
-        platform::DirectoryEntry entry;
-        while (top_ > 0) {
-            if (stopRequested()) {
-                while (top_ > 0) {
-                    stack_[top_ - 1].complete = false;
-                    finishFrame();
+            VerifiedChild child = openVerifiedChild(state_.rootFd, unit.name.c_str(), unit.path,
+                                                    unit.listed, listingOpenFlags);
+            if (child.outcome == ChildOpening::opened) {
+                finish(walk_.run(root, std::move(child.fd), unit.path, unit.depth));
+            } else {
+                if (child.outcome != ChildOpening::vanished) {
+                    noteProblem(root, childOpeningError(child, unit.path));
                 }
-                break;
-            }
-            if (state_.queue.wantsWork()) {
-                handOver();
-            }
-            Frame& frame = stack_[top_ - 1];
-            if (frame.donated || !frame.stream.next(entry)) {
-                finishFrame();
-                continue;
-            }
-            countEntry();
-            if (entry.kind == platform::EntryKind::symlink ||
-                entry.kind == platform::EntryKind::other) {
-                continue; // links are never followed; pipes, sockets and devices hold nothing
-            }
-            struct stat st;
-            if (::fstatat(frame.stream.fd(), entry.name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
-                if (errno != ENOENT) {
-                    problem(frame, makeCoreError(operation::readingMetadata,
-                                                 childPath(frame, entry.name), errno));
-                }
-                continue;
-            }
-            if (S_ISREG(st.st_mode)) {
-                countFile(frame, entry.name, st);
-            } else if (S_ISDIR(st.st_mode)) {
-                enterFolder(top_ - 1, entry.name, st);
+                finishFolder(root, nullptr, unit.path);
             }
         }
-        result.entries = examined_;
-        examined_ = 0;
+        result.entries = takeExamined();
         result_ = nullptr;
         return result;
     }
 
-    bool stopRequested() {
-        if (state_.stop.load(std::memory_order_relaxed)) {
-            return true;
-        }
-        SpaceScanCallback* callback = state_.scanner.callback;
-        if (callback != nullptr && callback->isCancelled()) {
-            state_.cancelled.store(true, std::memory_order_relaxed);
-            state_.stop.store(true, std::memory_order_relaxed);
-            return true;
-        }
-        if (Clock::now() >= state_.deadline) {
+    void finish(WalkEnd end) {
+        if (end == WalkEnd::timedOut) {
             state_.timedOut.store(true, std::memory_order_relaxed);
-            state_.stop.store(true, std::memory_order_relaxed);
-            return true;
+            state_.stop.requestStop();
         }
-        return false;
+    }
+
+    std::uint64_t takeExamined() {
+        std::uint64_t total = walk_.examined();
+        std::uint64_t delta = total - examinedBefore_;
+        examinedBefore_ = total;
+        partial.nodeCount = saturatingAdd(partial.nodeCount, delta);
+        return delta;
     }
 
     void countEntry() {
-        ++examined_;
         if (++unflushed_ == progressBatch) {
             flushProgress();
         }
@@ -430,84 +465,40 @@ private:
 
     void flushProgress() {
         state_.entries.fetch_add(unflushed_, std::memory_order_relaxed);
-        partial.nodeCount += unflushed_;
         unflushed_ = 0;
-    }
-
-    std::unique_ptr<char[]> takeBuffer() {
-        if (pool_.empty()) {
-            return std::unique_ptr<char[]>(new char[streamBufferBytes]);
-        }
-        std::unique_ptr<char[]> buffer = std::move(pool_.back());
-        pool_.pop_back();
-        return buffer;
-    }
-
-    Frame& pushFrame(int depth, size_t pathLength, size_t nameOffset) {
-        if (top_ == stack_.size()) {
-            stack_.emplace_back();
-        }
-        Frame& frame = stack_[top_++];
-        frame.stream = platform::DirectoryStream();
-        frame.pathLength = pathLength;
-        frame.nameOffset = nameOffset;
-        frame.depth = depth;
-        frame.filesOnly = depth > options_.maxDepth;
-        frame.total = frame.files = frame.entries = frame.disputed = 0;
-        frame.latest = 0;
-        frame.kept.clear();
-        frame.notes.clear();
-        frame.complete = true;
-        frame.shared = frame.donated = frame.warned = false;
-        return frame;
-    }
-
-    // The path of `name` in `frame`, built in a buffer that is reused, so it costs no
-    // allocation once the buffer has grown.
-    const std::string& childPath(const Frame& frame, const char* name) {
-        scratch_.assign(path_, 0, frame.pathLength);
-        scratch_.push_back('/');
-        scratch_.append(name);
-        return scratch_;
-    }
-
-    std::string folderPath(const Frame& frame) const {
-        return frame.pathLength == 0 ? std::string("/") : path_.substr(0, frame.pathLength);
     }
 
     // A folder that could not be read in full: it and everything above it is incomplete, and
     // the first problem in each folder is told.
-    void problem(Frame& frame, const CleanerError& error) {
-        frame.complete = false;
-        if (!frame.warned) {
-            frame.warned = true;
+    void noteProblem(Folder& folder, const CleanerError& error) {
+        folder.complete = false;
+        if (!folder.warned) {
+            folder.warned = true;
             problems.push_back(error.what());
         }
     }
 
-    void countFile(Frame& frame, const char* name, const struct stat& st) {
+    void countFile(Folder& frame, const WalkEntry& entry) {
+        const struct stat& st = entry.stat();
         const EntryIdentity identity = EntryIdentity::of(st);
         const std::uint64_t allocated = allocatedBytesOf(st);
         std::uint64_t counted = allocated;
         bool settled = true;
-        bool pathBuilt = false;
         pieces_.clear();
         if (state_.askClones && allocated > 0) {
-            childPath(frame, name);
-            pathBuilt = true;
             try {
-                platform::SharedPiecesOutcome outcome =
-                    platform::readSharedPieces(frame.stream.fd(), name, scratch_, st, pieces_);
+                platform::SharedPiecesOutcome outcome = platform::readSharedPieces(
+                    entry.folderFd, entry.name, entry.path(), st, pieces_);
                 if (outcome == platform::SharedPiecesOutcome::vanished) {
                     return;
                 }
                 if (outcome == platform::SharedPiecesOutcome::changed) {
-                    problem(frame,
-                            CleanerError::safety("Entry changed during measurement: " + scratch_));
+                    noteProblem(frame, CleanerError::safety("Entry changed during measurement: " +
+                                                            entry.path()));
                     return;
                 }
             } catch (const CleanerError& error) {
-                problem(frame, error); // counted whole: what it shares is unknown
+                noteProblem(frame, error); // counted whole: what it shares is unknown
                 pieces_.clear();
             }
             if (!pieces_.empty()) {
@@ -519,19 +510,16 @@ private:
         const bool multiLink = st.st_nlink >= 2;
         if (multiLink) {
             settled = false;
-            if (!pathBuilt) {
-                childPath(frame, name);
-                pathBuilt = true;
-            }
-            if (!state_.hardlinks.claim(identity, scratch_, counted)) {
+            if (!state_.hardlinks.claim(identity, entry.path(), counted)) {
                 counted = 0;
             }
         }
         if (!pieces_.empty() && counted > 0) {
-            cloneSightings.push_back({identity, scratch_, allocated, counted, multiLink, pieces_});
+            cloneSightings.push_back(
+                {identity, entry.path(), allocated, counted, multiLink, pieces_});
         }
 
-        const auto modified = static_cast<std::int64_t>(st.st_mtime);
+        const std::int64_t modified = platform::modifiedTime(st).sec;
         frame.files = saturatingAdd(frame.files, 1);
         frame.entries = saturatingAdd(frame.entries, 1);
         frame.latest = std::max(frame.latest, modified);
@@ -545,7 +533,7 @@ private:
         }
         if (frame.depth < options_.maxDepth && counted >= options_.minimumNodeBytes) {
             SpaceNode node;
-            node.name = name;
+            node.name = entry.name;
             node.kind = SpaceNode::Kind::file;
             node.bytes = counted;
             node.fileCount = 1;
@@ -558,120 +546,46 @@ private:
         if (!finding && !big) {
             return;
         }
-        if (!pathBuilt) {
-            childPath(frame, name);
-        }
-        if (finding &&
-            findingAllowed(scratch_, state_.home, state_.scanner.distribution, options_.findings)) {
-            partial.offerFile({scratch_, counted, false, 1, modified}, settled,
+        if (finding && findingAllowed(entry.path(), state_.home, state_.scanner.distribution,
+                                      options_.findings)) {
+            partial.offerFile({entry.path(), counted, false, 1, modified}, settled,
                               options_.findings.topN);
         }
         if (big) {
-            state_.streamBig(scratch_, counted);
+            state_.streamBig(entry.path(), counted);
         }
     }
 
-    // Opens a folder the listing described, proving it is the same folder. Empty (with the
-    // problem noted on `parent`, unless it simply vanished) when it cannot be walked.
-    UniqueFd openChecked(int parentFd, const char* name, const struct stat& listed, Frame& parent,
-                         bool isRootOfItem) {
-        if constexpr (testhooks::enabled) {
-            testhooks::beforeOpenDirectory(
-                sd::childPath(isRootOfItem ? state_.rootPath : folderPath(parent), name));
-        }
-        const std::string& where = isRootOfItem ? path_ : childPath(parent, name);
-        UniqueFd fd(::openat(parentFd, name, listingOpenFlags));
-        if (!fd) {
-            int error = errno;
-            if (error == ENOENT) {
-                return fd;
-            }
-            if (error == ELOOP || error == ENOTDIR) {
-                problem(parent, CleanerError::safety("Directory changed during traversal: " +
-                                                     std::string(where)));
-                return fd;
-            }
-            problem(parent, makeCoreError(operation::openingDirectory, where, error));
-            return fd;
-        }
-        struct stat opened {};
-        if (::fstat(fd.get(), &opened) != 0) {
-            problem(parent, makeCoreError(operation::readingMetadata, where, errno));
-            return UniqueFd();
-        }
-        if (opened.st_dev != listed.st_dev || opened.st_ino != listed.st_ino ||
-            !S_ISDIR(opened.st_mode)) {
-            problem(parent, CleanerError::safety("Directory changed during traversal: " +
-                                                 std::string(where)));
-            return UniqueFd();
-        }
-        return fd;
-    }
-
-    void enterFolder(size_t parentIndex, const char* name, const struct stat& st) {
-        Frame& parent = stack_[parentIndex];
+    WalkStep enterFolder(Folder& parent, const WalkEntry& entry) {
+        const struct stat& st = entry.stat();
         if (static_cast<std::uint64_t>(st.st_dev) != state_.rootDevice) {
-            mountPoints.push_back(childPath(parent, name));
-            return; // another file system: recorded, never entered
+            mountPoints.push_back(entry.path());
+            return WalkStep::skip; // another file system: recorded, never entered
         }
         parent.entries = saturatingAdd(parent.entries, 1);
-        const int depth = parent.depth + 1;
-        if (depth > SpaceTreeScanner::maxNestingDepth) {
+        if (entry.depth > SpaceTreeScanner::maxNestingDepth) {
             state_.tooDeep.store(true, std::memory_order_relaxed);
             parent.complete = false;
-            return;
+            return WalkStep::skip;
         }
         if (topLevel_ != nullptr) {
             WorkUnit unit;
             unit.topIndex = topLevel_->size();
-            unit.path = childPath(parent, name);
-            unit.depth = depth;
-            unit.name = name;
+            unit.path = entry.path();
+            unit.depth = entry.depth;
+            unit.name = entry.name;
             unit.listed = st;
             topLevel_->push_back(std::move(unit));
-            return;
+            return WalkStep::skip;
         }
-        UniqueFd fd = openChecked(parent.stream.fd(), name, st, parent, false);
-        if (!fd) {
-            return;
-        }
-        path_.resize(parent.pathLength);
-        size_t nameOffset = path_.size() + 1;
-        path_.push_back('/');
-        path_.append(name);
-        Frame& child = pushFrame(depth, path_.size(), nameOffset); // `parent` may dangle now
-        child.stream = platform::DirectoryStream(std::move(fd), takeBuffer(), streamBufferBytes);
-    }
-
-    // Gives the unread rest of the shallowest folder that is not the one being read to an idle
-    // worker. The folder being read is never given away whole, or two workers would pass one
-    // flat folder back and forth an entry at a time.
-    void handOver() {
-        for (size_t i = 0; i + 1 < top_; ++i) {
-            Frame& frame = stack_[i];
-            if (frame.donated || frame.filesOnly || frame.stream.ended() ||
-                !frame.stream.isOpen()) {
-                continue;
-            }
-            WorkUnit unit;
-            unit.topIndex = topIndex_;
-            unit.path = folderPath(frame);
-            unit.depth = frame.depth;
-            unit.stream = std::move(frame.stream);
-            unit.continuation = true;
-            frame.donated = true;
-            frame.shared = true;
-            state_.splits.fetch_add(1, std::memory_order_relaxed);
-            state_.queue.push(std::move(unit));
-            return;
-        }
+        return WalkStep::enter;
     }
 
     // The final tree keeps a folder's biggest maxChildren children by exact size. During the
     // walk a child can be let go only when maxChildren others certainly beat it, whatever the
     // ledgers' corrections take off them later: then it could never be chosen, and letting it
     // go changes nothing but the memory it held.
-    void trimKept(Frame& frame) const {
+    void trimKept(Folder& frame) const {
         const auto limit = static_cast<size_t>(std::max(options_.maxChildren, 0));
         if (frame.kept.size() <= limit) {
             return;
@@ -706,12 +620,10 @@ private:
         frame.notes.resize(out);
     }
 
-    SpaceNode nodeOf(Frame& frame) {
+    SpaceNode nodeOf(Folder& frame, std::string_view path) {
         trimKept(frame);
         SpaceNode node;
-        node.name = frame.pathLength == 0
-                        ? std::string("/")
-                        : path_.substr(frame.nameOffset, frame.pathLength - frame.nameOffset);
+        node.name = path == "/" ? std::string("/") : lastComponent(path);
         node.kind = SpaceNode::Kind::directory;
         node.bytes = frame.total;
         node.fileCount = frame.files;
@@ -724,52 +636,40 @@ private:
         return node;
     }
 
-    void finishFrame() {
-        Frame& frame = stack_[top_ - 1];
-        if (!frame.stream.failure().operation.empty()) {
-            problem(frame, makeCoreError(frame.stream.failure().operation, folderPath(frame),
-                                         frame.stream.failure().error));
-        }
-        if (std::unique_ptr<char[]> buffer = frame.stream.close()) {
-            pool_.push_back(std::move(buffer));
-        }
-        const bool isItemRoot = top_ == 1;
+    void finishFolder(Folder& frame, Folder* parent, std::string_view path) {
         const bool nodeCapable = !frame.filesOnly;
         if (!frame.shared) {
-            recordTotals(frame);
+            recordTotals(frame, path);
         } else if (nodeCapable) {
-            result_->sharedFolders.push_back(folderPath(frame));
+            result_->sharedFolders.emplace_back(path);
         }
-        if (isItemRoot) {
-            SpaceNode node = nodeOf(frame);
+        if (parent == nullptr) {
+            SpaceNode node = nodeOf(frame, path);
             node.path = std::move(result_->node.path);
             result_->node = std::move(node);
-            --top_;
             return;
         }
-        Frame& parent = stack_[top_ - 2];
-        parent.total = saturatingAdd(parent.total, frame.total);
-        parent.files = saturatingAdd(parent.files, frame.files);
-        parent.disputed = saturatingAdd(parent.disputed, frame.disputed);
-        parent.latest = std::max(parent.latest, frame.latest);
-        parent.complete = parent.complete && frame.complete;
+        parent->total = saturatingAdd(parent->total, frame.total);
+        parent->files = saturatingAdd(parent->files, frame.files);
+        parent->disputed = saturatingAdd(parent->disputed, frame.disputed);
+        parent->latest = std::max(parent->latest, frame.latest);
+        parent->complete = parent->complete && frame.complete;
         if (nodeCapable) {
             if (frame.shared) {
-                parent.shared = true;
-                parent.kept.push_back(nodeOf(frame));
-                parent.notes.push_back({0, true});
+                parent->shared = true;
+                parent->kept.push_back(nodeOf(frame, path));
+                parent->notes.push_back({0, true});
             } else if (frame.total > 0 && frame.total >= options_.minimumNodeBytes) {
                 std::uint64_t atLeast = frame.total - frame.disputed;
-                parent.kept.push_back(nodeOf(frame));
-                parent.notes.push_back({atLeast, false});
+                parent->kept.push_back(nodeOf(frame, path));
+                parent->notes.push_back({atLeast, false});
             }
         }
-        --top_;
     }
 
     // A finished folder's findings and streamed news: only for a folder walked whole here; the
     // totals of a folder shared with other items are known only at the end.
-    void recordTotals(const Frame& frame) {
+    void recordTotals(const Folder& frame, std::string_view folderPath) {
         const auto depth = static_cast<std::uint32_t>(frame.depth);
         const bool finding = frame.total > 0 && frame.total >= options_.findings.minNodeBytes &&
                              depth <= options_.findings.maxTreeDepth;
@@ -778,7 +678,7 @@ private:
         if (!finding && !big) {
             return;
         }
-        std::string path = folderPath(frame);
+        std::string path(folderPath);
         if (finding &&
             findingAllowed(path, state_.home, state_.scanner.distribution, options_.findings)) {
             partial.directoryTotals.insert_or_assign(
@@ -791,16 +691,12 @@ private:
 
     ScanState& state_;
     const SpaceScanOptions& options_;
-    std::vector<Frame> stack_;
-    size_t top_ = 0;
-    std::string path_;
-    std::string scratch_;
-    std::vector<std::unique_ptr<char[]>> pool_;
+    TreeWalk<Walker> walk_;
     std::vector<platform::SharedPiece> pieces_;
     ItemResult* result_ = nullptr;
     size_t topIndex_ = 0;
     std::vector<WorkUnit>* topLevel_ = nullptr;
-    std::uint64_t examined_ = 0;
+    std::uint64_t examinedBefore_ = 0;
     std::uint64_t unflushed_ = 0;
 };
 
@@ -977,72 +873,74 @@ SpaceScanResult unreadableRoot(std::string_view given, const CleanerError& error
     return result;
 }
 
-unsigned workersFor(unsigned requested) {
-    if (requested != 0) {
-        return requested;
-    }
-    unsigned cores = std::thread::hardware_concurrency();
-    return std::clamp(cores, 1U, 8U);
-}
-
 using Drained = SpaceTreeScanner::Drained;
 
-// Hands events to the callback, on the thread that runs the scan.
-struct Reporter {
-    SpaceScanCallback* callback = nullptr;
-    void send(SpaceProgressEvent event) const {
-        if (callback != nullptr) {
-            callback->onProgress(event);
-        }
-    }
-    void big(std::string path, std::uint64_t bytes, double fraction) const {
-        send({SpaceProgressEvent::Kind::bigItem, std::string(bigItemTag), fraction,
-              std::string(bigItemTag), std::move(path), bytes});
-    }
+// How many workers a scan starts with, and how many it may grow to while it waits on the disk.
+struct WorkerPlan {
+    unsigned initial = 1;
+    unsigned limit = 1;
 };
 
-// Walks the queued items on `workers` threads while this thread reports progress a few times a
-// second, from counters the workers bump, until the queue has run dry.
-std::vector<std::unique_ptr<Walker>> runWorkers(ScanState& state, unsigned workers,
-                                                const Reporter& reporter, Clock::time_point start,
-                                                double seconds) {
-    std::vector<std::unique_ptr<Walker>> walkers;
-    std::vector<std::exception_ptr> failures(workers);
-    std::vector<std::jthread> threads;
-    for (unsigned i = 0; i < workers; ++i) {
-        walkers.push_back(std::make_unique<Walker>(state));
+WorkerPlan workersFor(unsigned requested) {
+    if (requested != 0) {
+        return {requested, requested};
     }
-    for (unsigned i = 0; i < workers; ++i) {
-        threads.emplace_back([&, i] {
+    const unsigned cores = hardwareWorkers();
+    // A cold disk answers many metadata requests at once far faster than one at a time, and a
+    // worker waiting on it uses no processor: up to four workers a core, at most 64.
+    return {cores, std::clamp(cores * 4, 8U, 64U)};
+}
+
+// Processor time this process has used so far.
+std::chrono::microseconds processorTime() {
+    rusage usage{};
+    if (::getrusage(RUSAGE_SELF, &usage) != 0) {
+        return {};
+    }
+    auto micros = [](const timeval& t) {
+        return std::chrono::seconds(t.tv_sec) + std::chrono::microseconds(t.tv_usec);
+    };
+    return micros(usage.ru_utime) + micros(usage.ru_stime);
+}
+
+// Walks the queued items on worker threads while this thread publishes progress a few times a
+// second, from counters the workers bump, until the queue has run dry. When the workers leave the
+// processors idle while work waits, they are waiting on the disk, and more are started.
+std::vector<std::unique_ptr<Walker>> runWorkers(ScanState& state, WorkerPlan plan,
+                                                Clock::time_point start, double seconds) {
+    std::vector<std::unique_ptr<Walker>> walkers;
+    std::vector<std::exception_ptr> failures;
+    std::vector<std::jthread> threads;
+    std::mutex failureLock;
+    auto launch = [&] {
+        walkers.push_back(std::make_unique<Walker>(state));
+        Walker& walker = *walkers.back();
+        threads.emplace_back([&state, &walker, &failures, &failureLock] {
             try {
-                walkers[i]->run();
+                walker.run();
             } catch (...) {
-                failures[i] = std::current_exception();
-                state.stop.store(true);
+                {
+                    std::lock_guard guard(failureLock);
+                    failures.push_back(std::current_exception());
+                }
+                state.stop.requestStop();
                 try {
-                    walkers[i]->run(); // keep taking units so the queue can finish
+                    walker.run(); // keep taking units so the queue can finish
                 } catch (...) {
                 }
             }
         });
-    }
-    double shown = 0;
-    auto deliverBigItems = [&] {
-        std::vector<BigItem> big;
-        {
-            std::lock_guard guard(state.bigLock);
-            big.swap(state.bigItems);
-        }
-        for (BigItem& item : big) {
-            reporter.big(std::move(item.path), item.bytes, shown);
-        }
     };
-    SpaceScanCallback* callback = state.scanner.callback;
+    walkers.reserve(plan.limit);
+    threads.reserve(plan.limit);
+    for (unsigned i = 0; i < plan.initial; ++i) {
+        launch();
+    }
+    const unsigned cores = hardwareWorkers();
+    auto lastCheck = Clock::now();
+    auto lastProcessor = processorTime();
+    double shown = 0;
     while (!state.queue.waitFinished(progressInterval)) {
-        if (callback != nullptr && callback->isCancelled()) {
-            state.cancelled.store(true);
-            state.stop.store(true);
-        }
         // Whichever says more: the share of the time budget used or of top-level items done.
         double byTime = seconds > 0 ? std::chrono::duration<double>(Clock::now() - start) /
                                           std::chrono::duration<double>(seconds)
@@ -1051,21 +949,32 @@ std::vector<std::unique_ptr<Walker>> runWorkers(ScanState& state, unsigned worke
                                                  : static_cast<double>(state.topItemsDone.load()) /
                                                        static_cast<double>(state.topItemCount);
         shown = std::max(shown, std::min(0.99, std::max(byTime, byItems)));
-        deliverBigItems();
-        reporter.send(
-            {SpaceProgressEvent::Kind::progress,
-             formatCount(state.entries.load(std::memory_order_relaxed)) + " items scanned",
-             shown,
-             {},
-             {},
-             0});
+        if (state.progress != nullptr) {
+            state.progress->setItems(state.entries.load(std::memory_order_relaxed));
+            state.progress->setFraction(shown);
+        }
+        const auto now = Clock::now();
+        const auto processor = processorTime();
+        const double wall = std::chrono::duration<double>(now - lastCheck).count();
+        const double busy = std::chrono::duration<double>(processor - lastProcessor).count();
+        lastCheck = now;
+        lastProcessor = processor;
+        const auto running = static_cast<unsigned>(walkers.size());
+        const double usable = static_cast<double>(std::min(running, cores));
+        if (running < plan.limit && wall > 0 && busy < 0.5 * usable * wall &&
+            !state.queue.wantsWork()) {
+            // Work is waiting and the processors are not: double the workers, within the limit.
+            for (unsigned add = std::min(running, plan.limit - running); add > 0; --add) {
+                if (!state.queue.addWorker()) {
+                    break;
+                }
+                launch();
+            }
+        }
     }
     threads.clear(); // joins
-    deliverBigItems();
-    for (std::exception_ptr& failure : failures) {
-        if (failure) {
-            std::rethrow_exception(failure);
-        }
+    if (!failures.empty()) {
+        std::rethrow_exception(failures.front());
     }
     return walkers;
 }
@@ -1172,14 +1081,13 @@ std::vector<std::string> scanWarnings(const ScanState& state, Drained& drained) 
 
 } // namespace
 
-SpaceScanResult SpaceTreeScanner::scan(std::string_view rootArgument) {
+SpaceScanResult SpaceTreeScanner::scan(std::string_view rootArgument, const std::stop_token& stop,
+                                       OperationProgress* progress) {
     const Clock::time_point start = Clock::now();
     const double seconds = std::max(effectiveBudget(), 0.0);
     statistics_ = {};
     raiseOpenFileLimit();
-    if (callback != nullptr && callback->isCancelled()) {
-        throw CleanerError::cancelled();
-    }
+    throwIfStopped(stop);
     OpenRoot root;
     try {
         root = openRoot(rootArgument);
@@ -1193,9 +1101,8 @@ SpaceScanResult SpaceTreeScanner::scan(std::string_view rootArgument) {
             rootArgument, makeCoreError(operation::duplicatingDirectory, root.path, errno), start);
     }
 
-    const unsigned workers = workersFor(workerCount);
-    statistics_.workers = workers;
-    ScanState state(*this, workers);
+    const WorkerPlan plan = workersFor(workerCount);
+    ScanState state(*this, plan.initial, stop);
     state.deadline = start + std::chrono::duration_cast<Clock::duration>(
                                  std::chrono::duration<double>(std::min(seconds, 1e9)));
     state.rootPath = root.path;
@@ -1203,25 +1110,25 @@ SpaceScanResult SpaceTreeScanner::scan(std::string_view rootArgument) {
     state.rootDevice = static_cast<std::uint64_t>(root.st.st_dev);
     state.askClones = platform::mayShareBlocks(root.fd.get(), state.rootDevice);
     state.home = homeDirectory();
-    const Reporter reporter{callback};
-    reporter.send({SpaceProgressEvent::Kind::started, "0 items scanned", 0, {}, {}, 0});
+    state.progress = progress;
+    if (progress != nullptr) {
+        progress->setPhase("Scanning");
+        progress->setItems(0);
+        progress->setFraction(0);
+    }
 
     // ---- the root's own listing, then its folders on the workers --------------------------
     Walker rootWalker(state);
     std::vector<WorkUnit> topLevel;
-    ItemResult rootItem = rootWalker.walkRoot(root, topLevel);
-    if (state.cancelled.load()) {
-        throw CleanerError::cancelled();
-    }
+    ItemResult rootItem = rootWalker.walkRoot(std::move(root.fd), root.path, topLevel);
+    throwIfStopped(stop);
     state.topItemCount = topLevel.size();
     for (WorkUnit& unit : topLevel) {
         state.queue.push(std::move(unit));
     }
-    std::vector<std::unique_ptr<Walker>> walkers =
-        runWorkers(state, workers, reporter, start, seconds);
-    if (state.cancelled.load()) {
-        throw CleanerError::cancelled();
-    }
+    std::vector<std::unique_ptr<Walker>> walkers = runWorkers(state, plan, start, seconds);
+    throwIfStopped(stop);
+    statistics_.workers = static_cast<unsigned>(walkers.size());
     statistics_.workItems = state.workItems.load();
     statistics_.splits = state.splits.load();
     Drained drained = drain(rootWalker, std::move(rootItem), walkers, options.findings.topN);
@@ -1260,7 +1167,7 @@ SpaceScanResult SpaceTreeScanner::scan(std::string_view rootArgument) {
                 path, Finding{path, node->bytes, true, node->fileCount, node->latestChange});
         }
         if (depth > 0 && node->bytes >= streamMinimumBytes) {
-            reporter.big(path, node->bytes, 1.0);
+            state.streamBig(path, node->bytes);
         }
     }
     chooseNodes(tree, options);
@@ -1281,7 +1188,11 @@ SpaceScanResult SpaceTreeScanner::scan(std::string_view rootArgument) {
     result.openScan.scannedNodeCount = examined;
     result.openScan.warnings = std::move(warnings);
     result.openScan.durationMs = duration;
-    reporter.send({SpaceProgressEvent::Kind::complete, "Scan complete", 1.0, {}, {}, 0});
+    if (progress != nullptr) {
+        progress->setItems(examined);
+        progress->setPhase("Scan complete");
+        progress->setFraction(1.0);
+    }
     return result;
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "base/CleanerError.h"
+#include "base/Progress.h"
 #include "catalog/DistributionMode.h"
 #include "space/OpenScan.h"
 #include "space/SpaceScanOptions.h"
@@ -8,6 +9,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <stop_token>
 #include <string>
 #include <string_view>
 
@@ -21,28 +23,6 @@ struct SpaceScanResult {
     std::optional<CleanerError> rootError;
 };
 
-inline constexpr std::string_view bigItemTag = "SD_BIG";
-
-struct SpaceProgressEvent {
-    enum class Kind { started, progress, bigItem, complete };
-    Kind kind = Kind::progress;
-    std::string text;    // "12,345 items scanned", "Scan complete"
-    double fraction = 0; // 0 to 1
-    std::string tag;     // bigItemTag for a big item streamed before the scan ends
-    std::string path;    // the big item
-    std::uint64_t bytes = 0;
-};
-
-// What a screen gives the scan to hear from it and to stop it.
-class SpaceScanCallback {
-public:
-    virtual ~SpaceScanCallback() = default;
-    // Called on the thread that runs scan(), never on a worker.
-    virtual void onProgress(const SpaceProgressEvent& event) = 0;
-    // Polled by every worker before each entry, so it must be cheap and safe on any thread.
-    virtual bool isCancelled() const noexcept { return false; }
-};
-
 // One scan of the home folder under a time budget: the space tree and the open-scan findings
 // from a single read of the tree, walked by several workers. Reads only; changes nothing.
 class SpaceTreeScanner {
@@ -54,22 +34,26 @@ public:
 
     DistributionMode distribution = DistributionMode::direct;
     SpaceScanOptions options = defaultSpaceScanOptions;
-    SpaceScanCallback* callback = nullptr;
     std::optional<double> budget; // seconds of wall time; defaultBudgetSeconds when not given
-    // A finished item at least this big is streamed to the callback at once.
+    // A finished item at least this big is posted as a progress notice at once.
     std::uint64_t streamMinimumBytes = defaultStreamMinimumBytes;
-    unsigned workerCount = 0; // 0: one per core, at most eight
+    // 0: one per core to start with, and more (up to four a core) while they wait on the disk
+    // rather than the processor; any other number: exactly that many.
+    unsigned workerCount = 0;
 
     // Measures the tree under `root`, which must be a folder inside the home (or an owned
     // fixture root). A root that cannot be read gives an empty tree with one warning instead of
-    // an error. Throws CleanerError "Operation cancelled" when the callback asks to stop.
-    SpaceScanResult scan(std::string_view root);
+    // an error. Throws CleanerError "Operation cancelled" once `stop` is requested. `progress`
+    // gets the entries scanned and the share done a few times a second, each item of at least
+    // streamMinimumBytes as a notice as soon as it is measured, and "Scan complete" at the end.
+    SpaceScanResult scan(std::string_view root, const std::stop_token& stop = {},
+                         OperationProgress* progress = nullptr);
 
     double effectiveBudget() const noexcept { return budget.value_or(defaultBudgetSeconds); }
 
     // How the last scan shared its work out, for tests and benchmarks.
     struct Statistics {
-        unsigned workers = 0;
+        unsigned workers = 0; // workers that took part, those added while waiting on the disk too
         std::uint64_t workItems = 0; // top-level folders plus the parts split off below them
         std::uint64_t splits = 0;    // folders whose unread rest went to another worker
     };

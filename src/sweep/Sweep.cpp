@@ -227,8 +227,15 @@ std::string Sweep::exclusionsFingerprint() const {
     return state.dump();
 }
 
-void Sweep::run(const std::function<void(const SweepProgress&)>& onProgress,
-                const Cancellation& cancel) {
+double SweepProgress::fraction() const {
+    double sum = 0;
+    for (const OperationProgress& tile : tiles_) {
+        sum += tile.read().fraction;
+    }
+    return sum / static_cast<double>(tiles_.size());
+}
+
+void Sweep::run(const std::stop_token& stop, SweepProgress* progress) {
     auto start = std::chrono::steady_clock::now();
     startedAt_ = isoTimestampNow();
     measuredExclusions_ = exclusionsFingerprint();
@@ -238,30 +245,14 @@ void Sweep::run(const std::function<void(const SweepProgress&)>& onProgress,
     highlights_.clear();
     warnings_.clear();
     itemsSeen_ = 0;
-
-    std::mutex progressLock;
-    SweepProgress progress;
-    for (SweepTileKind kind : allTileKinds) {
-        progress.moduleFractions[kind] = 0;
-    }
-    auto publish = [&](SweepTileKind kind, double fraction, std::uint64_t bytes,
-                       std::uint64_t items, const std::optional<std::string>& current,
-                       bool finished) {
-        std::lock_guard guard(progressLock);
-        progress.moduleFractions[kind] = std::min(1.0, fraction);
-        progress.moduleBytes[kind] = bytes;
-        progress.moduleItems[kind] = items;
-        progress.currentPath = current;
-        if (finished) {
-            progress.finishedKinds.insert(kind);
-        }
-        double sum = 0;
-        for (const auto& [k, f] : progress.moduleFractions) {
-            sum += f;
-        }
-        progress.fraction = sum / static_cast<double>(allTileKinds.size());
-        if (onProgress) {
-            onProgress(progress);
+    auto tileProgress = [&](SweepTileKind kind) -> OperationProgress* {
+        return progress != nullptr ? &progress->tile(kind) : nullptr;
+    };
+    auto finished = [&](SweepTileKind kind, std::uint64_t bytes, std::uint64_t items) {
+        if (OperationProgress* p = tileProgress(kind)) {
+            p->setBytes(bytes);
+            p->setItems(items);
+            p->setFraction(1.0);
         }
     };
 
@@ -282,71 +273,52 @@ void Sweep::run(const std::function<void(const SweepProgress&)>& onProgress,
         tiles_.push_back(std::move(tile));
     }
 
-    // Three services measure the three catalog tiles side by side; the Trash is measured on the
-    // calling thread meanwhile. Every worker's failure is carried back and rethrown.
-    services_.clear();
+    // The three catalog tiles are measured side by side, each by its own service; the Trash is
+    // measured on the calling thread meanwhile. Every worker's failure is carried back and
+    // rethrown; a stop reaches every service through the token it was given.
     std::vector<SweepTileKind> measuredKinds{SweepTileKind::developer, SweepTileKind::appCaches,
                                              SweepTileKind::redownloads};
     std::vector<std::exception_ptr> failures(measuredKinds.size());
-    std::vector<std::jthread> workers;
-    for (size_t i = 0; i < measuredKinds.size(); ++i) {
-        services_.push_back(std::make_unique<CleaningService>(policy_));
-    }
-    std::atomic<bool> stopWatching{false};
-    std::jthread watcher([&] {
-        // Stop reaches the services through their own flags.
-        while (!stopWatching.load()) {
-            if (cancel.requested()) {
-                for (auto& service : services_) {
-                    service->cancel();
+    {
+        std::vector<std::jthread> workers;
+        for (size_t i = 0; i < measuredKinds.size(); ++i) {
+            workers.emplace_back([&, i] {
+                SweepTileKind kind = measuredKinds[i];
+                SweepTile& tile = tiles_[static_cast<size_t>(kind)];
+                try {
+                    CleaningService service(policy_);
+                    std::optional<ScanResult> result =
+                        service.scan(tile.targets, prefs.scan, stop, tileProgress(kind));
+                    if (result) {
+                        tile.scanResult = *result;
+                    }
+                } catch (...) {
+                    failures[i] = std::current_exception();
                 }
-                return;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            });
         }
-    });
-    for (size_t i = 0; i < measuredKinds.size(); ++i) {
-        workers.emplace_back([&, i] {
-            SweepTileKind kind = measuredKinds[i];
-            SweepTile& tile = tiles_[static_cast<size_t>(kind)];
-            try {
-                std::optional<ScanResult> result =
-                    services_[i]->scan(tile.targets, prefs.scan, [&](const ProgressEvent& e) {
-                        publish(kind, e.fraction, e.bytesProcessed, e.itemsProcessed,
-                                e.currentTarget, false);
-                    });
-                if (result) {
-                    tile.scanResult = *result;
-                }
-            } catch (...) {
-                failures[i] = std::current_exception();
-            }
-        });
-    }
 
-    SweepTile& trash = tiles_[static_cast<size_t>(SweepTileKind::trash)];
-    try {
-        FootprintTally tally;
-        for (const std::string& folder : platform::trashFolders()) {
-            std::vector<std::string> warnings;
-            Footprint footprint = measureFootprint(folder, std::nullopt, warnings, tally, cancel);
-            trash.bytes = saturatingAdd(trash.bytes, footprint.allocatedBytes);
-            trash.itemCount = saturatingAdd(trash.itemCount, footprint.fileCount);
-            trash.warnings.insert(trash.warnings.end(), warnings.begin(), warnings.end());
+        SweepTile& trash = tiles_[static_cast<size_t>(SweepTileKind::trash)];
+        try {
+            FootprintTally tally;
+            for (const std::string& folder : platform::trashFolders()) {
+                std::vector<std::string> warnings;
+                Footprint footprint = measureFootprint(folder, std::nullopt, warnings, tally, stop,
+                                                       tileProgress(SweepTileKind::trash));
+                trash.bytes = saturatingAdd(trash.bytes, footprint.allocatedBytes);
+                trash.itemCount = saturatingAdd(trash.itemCount, footprint.fileCount);
+                trash.warnings.insert(trash.warnings.end(), warnings.begin(), warnings.end());
+            }
+        } catch (const CleanerError& error) {
+            if (error.kind() == CleanerError::Kind::operationCancelled) {
+                throw; // the workers see the same stop and are joined on the way out
+            }
+            trash.warnings.push_back(error.what());
         }
-    } catch (const CleanerError& error) {
-        if (error.kind() == CleanerError::Kind::operationCancelled) {
-            workers.clear();
-            stopWatching = true;
-            throw;
-        }
-        trash.warnings.push_back(error.what());
-    }
-    publish(SweepTileKind::trash, 1.0, trash.bytes, trash.itemCount, std::nullopt, true);
-    publish(SweepTileKind::installers, 1.0, 0, 0, std::nullopt, true);
-    publish(SweepTileKind::leftovers, 1.0, 0, 0, std::nullopt, true);
-    workers.clear(); // joins
-    stopWatching = true;
+        finished(SweepTileKind::trash, trash.bytes, trash.itemCount);
+        finished(SweepTileKind::installers, 0, 0);
+        finished(SweepTileKind::leftovers, 0, 0);
+    } // joins
     for (const std::exception_ptr& failure : failures) {
         if (failure) {
             std::rethrow_exception(failure);
@@ -383,7 +355,7 @@ void Sweep::run(const std::function<void(const SweepProgress&)>& onProgress,
         }
         tile.itemCount = scan.itemCount;
         tile.warnings = scan.warnings;
-        publish(kind, 1.0, tile.bytes, tile.itemCount, std::nullopt, true);
+        finished(kind, tile.bytes, tile.itemCount);
     }
     for (const SweepTile& tile : tiles_) {
         itemsSeen_ = saturatingAdd(itemsSeen_, tile.itemCount);
@@ -463,8 +435,7 @@ void Sweep::saveRecord(platform::UserDefaults& store, const std::optional<SweepR
 }
 
 SweepReclaimResult Sweep::reclaim(const std::set<SweepTileKind>& kinds, ReclaimJournal& journal,
-                                  const CleaningService::Progress& progress,
-                                  const Cancellation& cancel) {
+                                  const std::stop_token& stop, OperationProgress* progress) {
     SweepReclaimResult result;
     if (exclusionsFingerprint() != measuredExclusions_) {
         result.refused = true;
@@ -487,21 +458,11 @@ SweepReclaimResult Sweep::reclaim(const std::set<SweepTileKind>& kinds, ReclaimJ
         return result;
     }
     CleaningService service(policy_);
-    // Stop reaches the service through its own flag, as during measuring. The service's operation
-    // may begin after Stop was pressed, so the flag is passed on until the reclaim ends.
-    std::jthread watcher([&](std::stop_token done) {
-        while (!done.stop_requested()) {
-            if (cancel.requested()) {
-                service.cancel();
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
-    });
-    cancel.check();
+    throwIfStopped(stop);
     std::vector<CleanError> errors;
     std::vector<CacheCleaningCandidate> candidates =
         service.buildCandidates(targets, prefs.clean, errors);
-    CleanPlan plan = service.plan(candidates, progress);
+    CleanPlan plan = service.plan(candidates, stop, progress);
     plan.errors.insert(plan.errors.begin(), errors.begin(), errors.end());
     JournalRecording recording;
     recording.journal = &journal;
@@ -513,8 +474,8 @@ SweepReclaimResult Sweep::reclaim(const std::set<SweepTileKind>& kinds, ReclaimJ
         return found == kindOfTarget.end() ? std::string("sweep")
                                            : std::string(tileKindName(found->second));
     };
-    cancel.check();
-    CleanResult cleaned = service.clean(plan, recording, progress);
+    throwIfStopped(stop);
+    CleanResult cleaned = service.clean(plan, recording, stop, progress);
     for (size_t i = 0; i < cleaned.moved.size(); ++i) {
         const std::optional<std::string>& targetID = cleaned.movedTargets[i];
         if (targetID && kindOfTarget.count(*targetID) != 0) {

@@ -1,11 +1,12 @@
 #pragma once
 
+#include "base/Progress.h"
 #include "catalog/Catalog.h"
 #include "catalog/CleaningService.h"
 #include "platform/UserDefaults.h"
 #include "reclaim/ReclaimJournal.h"
 
-#include <atomic>
+#include <array>
 #include <map>
 #include <memory>
 #include <optional>
@@ -76,14 +77,21 @@ inline constexpr std::string_view leftOutCatalogText =
 inline constexpr std::string_view broughtBackText =
     "Every Sweep includes it. Switch off to leave it out.";
 
-// Progress of a running Sweep, polled by the front ends.
-struct SweepProgress {
-    std::map<SweepTileKind, double> moduleFractions;
-    std::map<SweepTileKind, std::uint64_t> moduleBytes;
-    std::map<SweepTileKind, std::uint64_t> moduleItems;
-    std::set<SweepTileKind> finishedKinds;
-    std::optional<std::string> currentPath;
-    double fraction = 0;
+// Progress of a running Sweep, polled by the front ends: one progress per tile, which reads 1
+// once the tile is measured.
+class SweepProgress {
+public:
+    OperationProgress& tile(SweepTileKind kind) noexcept {
+        return tiles_[static_cast<size_t>(kind)];
+    }
+    const OperationProgress& tile(SweepTileKind kind) const noexcept {
+        return tiles_[static_cast<size_t>(kind)];
+    }
+    // The share of the whole Sweep done: the mean of the tiles' own shares.
+    double fraction() const;
+
+private:
+    std::array<OperationProgress, allTileKinds.size()> tiles_;
 };
 
 struct SweepReclaimResult {
@@ -102,10 +110,8 @@ public:
     Sweep(DistributionMode distribution, platform::UserDefaults store,
           std::shared_ptr<const VaultPolicy> policy);
 
-    // Measures every tile. `onProgress` runs on worker threads, a few times a second at most.
-    // Throws "Operation cancelled" when stopped.
-    void run(const std::function<void(const SweepProgress&)>& onProgress,
-             const Cancellation& cancel);
+    // Measures every tile, the tiles side by side. Throws "Operation cancelled" when stopped.
+    void run(const std::stop_token& stop = {}, SweepProgress* progress = nullptr);
 
     const std::vector<SweepTile>& tiles() const noexcept { return tiles_; }
     const std::vector<SweepHighlight>& highlights() const noexcept { return highlights_; }
@@ -124,8 +130,8 @@ public:
     // Sweep measured, and writes one Activity entry of kind sweep. Stop ends planning with
     // "Operation cancelled" and leaves the items not yet reached in place.
     SweepReclaimResult reclaim(const std::set<SweepTileKind>& kinds, ReclaimJournal& journal,
-                               const CleaningService::Progress& progress = {},
-                               const Cancellation& cancel = {});
+                               const std::stop_token& stop = {},
+                               OperationProgress* progress = nullptr);
 
     // The record of the last finished Sweep, if one was kept.
     static std::optional<SweepRecord> lastRecord(platform::UserDefaults& store);
@@ -146,7 +152,6 @@ private:
     std::uint64_t itemsSeen_ = 0;
     std::string startedAt_;
     std::string measuredExclusions_;
-    std::vector<std::unique_ptr<CleaningService>> services_;
 };
 
 } // namespace sd

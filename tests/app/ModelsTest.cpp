@@ -52,7 +52,7 @@ private slots:
         test::writeFilledFile(test::fixtureHome() + "/.cache/pip/http/aa/blob", 300'000);
         auto sweep = std::make_shared<Sweep>(DistributionMode::direct,
                                              platform::UserDefaults(store), homePolicy());
-        sweep->run({}, Cancellation());
+        sweep->run();
         state.sweep = sweep;
         model.refresh();
         struct Case {
@@ -74,8 +74,8 @@ private slots:
 
         // While a new Sweep runs, tiles show its progress and the tick goes.
         state.sweeping = true;
-        state.progress.moduleFractions[SweepTileKind::developer] = 0.25;
-        state.progress.moduleBytes[SweepTileKind::developer] = 123;
+        state.progress.tile(SweepTileKind::developer).fraction = 0.25;
+        state.progress.tile(SweepTileKind::developer).bytes = 123;
         model.refresh();
         QVERIFY(state.selection.empty());
         QCOMPARE(developer.data(fractionRole).toDouble(), 0.25);

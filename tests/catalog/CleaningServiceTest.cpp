@@ -2,6 +2,7 @@
 
 #include "Fixture.h"
 #include "base/CleanerError.h"
+#include "base/TestHooks.h"
 #include "core/PathRules.h"
 
 #include <future>
@@ -182,6 +183,9 @@ TEST(CleanPlanning, ProtectedAndExcludedLocationsAreNeverPlanned) {
 }
 
 TEST(CleanScanning, ASupersededScanIsDropped) {
+    if (!testhooks::enabled) {
+        GTEST_SKIP() << "built without SPARROWDECK_TEST_HOOKS, so the race cannot be staged";
+    }
     std::string base = test::freshFolder("superseded");
     test::makeDirs(base + "/c");
     test::makeDirs(base + "/d");
@@ -192,14 +196,18 @@ TEST(CleanScanning, ASupersededScanIsDropped) {
     CleaningService service(policy());
     std::future<std::optional<ScanResult>> newer;
     bool launched = false;
-    std::optional<ScanResult> older = service.scan({t}, {}, [&](const ProgressEvent&) {
+    // The older scan has measured; a newer one is asked for before it hands its result over.
+    testhooks::setBeforeScanResult([&] {
         if (!launched) {
             launched = true;
-            newer = std::async(std::launch::async, [&] { return service.scan({t}, {}, {}); });
-            // Give the newer request time to register before the older one finishes.
-            std::this_thread::sleep_for(std::chrono::milliseconds(200));
+            newer = std::async(std::launch::async, [&] { return service.scan({t}, {}); });
+            while (service.scansRequested() < 2) {
+                std::this_thread::yield(); // the newer scan registers, then waits for the lock
+            }
         }
     });
+    std::optional<ScanResult> older = service.scan({t}, {});
+    testhooks::setBeforeScanResult({});
     EXPECT_FALSE(older.has_value());
     std::optional<ScanResult> latest = newer.get();
     ASSERT_TRUE(latest.has_value());

@@ -38,5 +38,20 @@ TEST(ByteFormat, CountsGroupThousands) {
     EXPECT_EQ(formatCount(100000), "100,000");
 }
 
+TEST(ByteFormat, DurationsRoundOnceAcrossTheMinute) {
+    struct Case {
+        double seconds;
+        const char* text;
+    };
+    const Case cases[]{
+        {0, "0.0 s"},          {0.44, "0.4 s"},         {59.94, "59.9 s"},
+        {59.96, "1 min 00 s"}, {60, "1 min 00 s"},      {119.4, "1 min 59 s"},
+        {119.6, "2 min 00 s"}, {3665.2, "61 min 05 s"}, {-3, "0.0 s"},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(formatDuration(c.seconds), c.text) << c.seconds;
+    }
+}
+
 } // namespace
 } // namespace sd

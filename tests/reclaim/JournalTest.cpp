@@ -41,7 +41,7 @@ Moved moveAndRecord(ReclaimJournal& journal, const std::vector<std::string>& pat
     VaultPlan plan = vault.planner(paths, {}, nullptr);
     std::vector<size_t> all(plan.items.size());
     std::iota(all.begin(), all.end(), 0);
-    MoveOutcome outcome = vault.move(plan, all, {}, Cancellation());
+    MoveOutcome outcome = vault.move(plan, all);
     EXPECT_EQ(outcome.moved.size(), paths.size()) << ::testing::PrintToString(outcome.notes);
     std::vector<TrashedItem> items;
     for (const MovedItem& m : outcome.moved) {

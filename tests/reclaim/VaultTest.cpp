@@ -1,11 +1,14 @@
 #include "Fixture.h"
+#include "base/Stop.h"
 #include "core/MockRoots.h"
 #include "core/PathRules.h"
 #include "platform/Trash.h"
 #include "reclaim/VaultService.h"
 
 #include <atomic>
+#include <condition_variable>
 #include <gtest/gtest.h>
+#include <mutex>
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
@@ -191,14 +194,17 @@ TEST(VaultPlanner, ClassifiesAtMostFourAtOnceAndKeepsRequestOrder) {
         paths.push_back(repo + "/item" + std::to_string(8 - i));
         test::writeFile(paths.back(), "x");
     }
-    std::atomic<int> running{0};
-    std::atomic<int> most{0};
+    std::mutex lock;
+    std::condition_variable changed;
+    int running = 0;
+    int most = 0;
+    // Each check waits (on a condition, with a generous limit) for a second one to be under way,
+    // so the most seen at once is what the planner allows, not what the scheduler happened to do.
     VCSIgnoreCheck slow{[&](const std::string&, const std::string&) {
-        int now = ++running;
-        int seen = most.load();
-        while (now > seen && !most.compare_exchange_weak(seen, now)) {
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(60));
+        std::unique_lock guard(lock);
+        most = std::max(most, ++running);
+        changed.notify_all();
+        changed.wait_for(guard, std::chrono::seconds(10), [&] { return most >= 2; });
         --running;
         return true;
     }};
@@ -209,8 +215,8 @@ TEST(VaultPlanner, ClassifiesAtMostFourAtOnceAndKeepsRequestOrder) {
         EXPECT_EQ(plan.items[i].requestedPath, paths[i]);
         EXPECT_FALSE(plan.items[i].denied);
     }
-    EXPECT_LE(most.load(), 4);
-    EXPECT_GE(most.load(), 2) << "planning should use several workers";
+    EXPECT_LE(most, 4);
+    EXPECT_GE(most, 2) << "planning should use several workers";
 }
 
 TEST(VaultMove, EachItemIsCheckedAgainRightBeforeItMoves) {
@@ -231,9 +237,8 @@ TEST(VaultMove, EachItemIsCheckedAgainRightBeforeItMoves) {
     test::writeFilledFile(dir + "/replaced/data", 5000);
     test::writeFile(dir + "/grew/new", "more");
 
-    std::vector<VaultMoveProgress> reports;
-    MoveOutcome outcome = vault.move(
-        plan, {3, 2, 1}, [&](const VaultMoveProgress& p) { reports.push_back(p); }, Cancellation());
+    OperationProgress progress;
+    MoveOutcome outcome = vault.move(plan, {3, 2, 1}, {}, &progress);
     ASSERT_EQ(outcome.moved.size(), 1U);
     EXPECT_EQ(outcome.moved[0].originalPath, dir + "/moved");
     EXPECT_EQ(outcome.moved[0].trashPath, trashed("moved"));
@@ -252,16 +257,16 @@ TEST(VaultMove, EachItemIsCheckedAgainRightBeforeItMoves) {
     EXPECT_EQ(::access((dir + "/replaced/data").c_str(), F_OK), 0);
     EXPECT_EQ(::access((dir + "/grew/new").c_str(), F_OK), 0);
 
-    ASSERT_FALSE(reports.empty());
-    EXPECT_EQ(reports.back().finished, 3U);
-    EXPECT_EQ(reports.back().moved, 1U);
-    EXPECT_EQ(reports.back().total, 3U);
-    EXPECT_EQ(reports.back().movedBytes, plan.items[3].physicalBytes);
+    OperationProgress::Reading done = progress.read();
+    EXPECT_EQ(done.done, 3U);
+    EXPECT_EQ(done.items, 1U);
+    EXPECT_EQ(done.total, 3U);
+    EXPECT_EQ(done.bytes, plan.items[3].physicalBytes);
 
     // A plan is only good for its own run.
     VaultPlan stale = plan;
     stale.planNonce = "another";
-    MoveOutcome refused = vault.move(stale, {0}, {}, Cancellation());
+    MoveOutcome refused = vault.move(stale, {0});
     EXPECT_TRUE(refused.moved.empty());
     EXPECT_EQ(refused.stayed[0].second, Reason::stalePlan);
 }
@@ -274,16 +279,28 @@ TEST(VaultMove, StopAndCancellationLeaveTheRestInPlace) {
 
     CoreCancellationState stop;
     stop.cancel();
-    MoveOutcome stopped = vault.move(plan, {0}, {}, Cancellation(&stop));
+    MoveOutcome stopped = vault.move(plan, {0}, stop.token());
     EXPECT_TRUE(stopped.moved.empty());
     ASSERT_FALSE(stopped.notes.empty());
     EXPECT_EQ(stopped.notes.back(), "Stopped; the rest wasn't moved.");
-
-    std::stop_source task;
-    task.request_stop();
-    MoveOutcome cancelled = vault.move(plan, {0}, {}, Cancellation(nullptr, task.get_token()));
-    EXPECT_EQ(cancelled.notes.back(), "Operation cancelled; the rest wasn't moved.");
     EXPECT_EQ(::access((dir + "/a").c_str(), F_OK), 0);
+
+    // Stop pressed while the first of two items is checked: it still moves, the second stays.
+    test::writeFile(dir + "/b", "b");
+    VaultPlan two = vault.planner({dir + "/a", dir + "/b"}, {}, nullptr);
+    std::stop_source midway;
+    VaultService pressing = vault;
+    pressing.validator = [&](const VaultPlanItem& item, const std::string& nonce) {
+        midway.request_stop();
+        return vault.validator(item, nonce);
+    };
+    MoveOutcome half = pressing.move(two, {0, 1}, midway.get_token());
+    ASSERT_EQ(half.moved.size(), 1U);
+    EXPECT_EQ(half.moved[0].originalPath, dir + "/a");
+    EXPECT_EQ(half.stayed,
+              (std::vector<std::pair<size_t, std::optional<Reason>>>{{1, std::nullopt}}));
+    EXPECT_EQ(half.notes.back(), "Stopped; the rest wasn't moved.");
+    EXPECT_EQ(::access((dir + "/b").c_str(), F_OK), 0);
 }
 
 // Counts regular files and their bytes under `path` with find, links not followed.
@@ -333,7 +350,7 @@ TEST(VaultMove, SwappingAPlannedFolderForALinkNeverMovesWhatLiesOutside) {
                 std::this_thread::yield();
             }
         });
-        MoveOutcome outcome = vault.move(plan, {0}, {}, Cancellation());
+        MoveOutcome outcome = vault.move(plan, {0});
         done = true;
         swapper.join();
 
@@ -390,7 +407,7 @@ TEST_F(GitRepository, OnlyWhatGitIgnoresAndDoesNotTrackMoves) {
     for (size_t i = 0; i < plan.items.size(); ++i) {
         EXPECT_EQ(plan.items[i].denied, expected[i]) << plan.items[i].requestedPath;
     }
-    MoveOutcome outcome = vault.move(plan, {0}, {}, Cancellation());
+    MoveOutcome outcome = vault.move(plan, {0});
     ASSERT_EQ(outcome.moved.size(), 1U);
     EXPECT_EQ(::access((repo + "/node_modules").c_str(), F_OK), -1);
 }

@@ -1,10 +1,11 @@
 #include "review/DuplicateComparer.h"
 
 #include "Fixture.h"
-#include "core/ByteFormat.h"
 #include "base/CleanerError.h"
+#include "base/Stop.h"
 #include "base/TestHooks.h"
 #include "base/UniqueFd.h"
+#include "core/ByteFormat.h"
 #include "reclaim/VaultPolicy.h"
 #include "review/ContentDigest.h"
 
@@ -335,7 +336,7 @@ TEST(DuplicateComparer, WithNoTimeToCompareEveryPairedByteIsUnconfirmed) {
     stop.cancel();
     DuplicateComparer cancelled;
     cancelled.candidates = collectDuplicateCandidates({root, test::fixtureHome()}, {});
-    cancelled.cancel = Cancellation(&stop);
+    cancelled.stop = stop.token();
     try {
         cancelled.compare();
         ADD_FAILURE() << "a stopped comparison returned a report";
@@ -384,7 +385,7 @@ TEST(DuplicateComparer, SuggestsTheOldestCopyInTheOwnFolders) {
         for (const File& f : c.files) {
             DuplicateFile file;
             file.path = f.path;
-            file.born = f.born;
+            file.born = Timestamp::fromSeconds(f.born);
             files.push_back(file);
         }
         EXPECT_EQ(suggestKeep(files, h), c.keep) << c.label;

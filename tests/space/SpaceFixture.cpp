@@ -101,13 +101,13 @@ SpaceScanOptions smallOptions() {
 }
 
 SpaceScanResult scanWith(const std::string& root, const SpaceScanOptions& options, unsigned workers,
-                         SpaceScanCallback* callback, std::optional<double> budget) {
+                         OperationProgress* progress, std::optional<double> budget,
+                         const std::stop_token& stop) {
     SpaceTreeScanner scanner;
     scanner.options = options;
     scanner.workerCount = workers;
-    scanner.callback = callback;
     scanner.budget = budget;
-    return scanner.scan(root);
+    return scanner.scan(root, stop, progress);
 }
 
 std::string describe(const SpaceScanResult& result) {
@@ -135,10 +135,6 @@ std::vector<std::string> brokenRules(const SpaceTree& tree, const SpaceScanOptio
         broken.push_back(std::to_string(count) + " nodes, over the budget");
     }
     return broken;
-}
-
-bool RecordingCallback::isCancelled() const noexcept {
-    return cancelAfterEvents >= 0 && received.load() >= cancelAfterEvents;
 }
 
 } // namespace sd::test

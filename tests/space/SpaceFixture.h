@@ -2,7 +2,6 @@
 
 #include "space/SpaceTreeScanner.h"
 
-#include <atomic>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -23,7 +22,8 @@ SpaceScanOptions smallOptions();
 
 // Scans `root` with `workers` workers and no time pressure.
 SpaceScanResult scanWith(const std::string& root, const SpaceScanOptions& options, unsigned workers,
-                         SpaceScanCallback* callback = nullptr, std::optional<double> budget = 600);
+                         OperationProgress* progress = nullptr, std::optional<double> budget = 600,
+                         const std::stop_token& stop = {});
 
 // The tree and findings as text, without the duration, for comparing two scans and showing
 // where they differ.
@@ -33,20 +33,5 @@ std::string describe(const SpaceScanResult& result);
 // add up, children are sorted and within the limits, paths follow names, no node is deeper than
 // maxDepth or smaller than the floor, and the whole tree holds at most nodeBudget nodes.
 std::vector<std::string> brokenRules(const SpaceTree& tree, const SpaceScanOptions& options);
-
-// Collects what a scan tells its callback.
-class RecordingCallback : public SpaceScanCallback {
-public:
-    void onProgress(const SpaceProgressEvent& event) override {
-        events.push_back(event);
-        received.fetch_add(1);
-    }
-    bool isCancelled() const noexcept override;
-
-    std::vector<SpaceProgressEvent> events; // read only once the scan is over
-    std::atomic<int> received{0};           // what workers may look at while it runs
-    // Cancel once this many events arrived (never when negative).
-    int cancelAfterEvents = -1;
-};
 
 } // namespace sd::test

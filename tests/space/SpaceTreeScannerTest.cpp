@@ -6,9 +6,9 @@
 #include "Fixture.h"
 #include "LoopVolume.h"
 #include "SpaceFixture.h"
+#include "base/TestHooks.h"
 #include "core/ByteFormat.h"
 #include "core/PathRules.h"
-#include "base/TestHooks.h"
 
 #include <cstdio>
 #include <functional>
@@ -223,8 +223,8 @@ TEST(SpaceScan, DeepFileLandsInItsCollapsedDepthSixAncestorAndIsStreamedEarly) {
     if (!allocateFile(file, 2048 * mib)) {
         GTEST_SKIP() << "The fixture's file system cannot reserve 2 GB without writing it.";
     }
-    test::RecordingCallback events;
-    SpaceScanResult r = scanWith(t, defaultSpaceScanOptions, 2, &events);
+    OperationProgress progress;
+    SpaceScanResult r = scanWith(t, defaultSpaceScanOptions, 2, &progress);
     EXPECT_EQ(deepestNode(r.tree.root), 6);
     const SpaceNode* node = &r.tree.root;
     for (int depth = 1; depth <= 6; ++depth) {
@@ -240,36 +240,22 @@ TEST(SpaceScan, DeepFileLandsInItsCollapsedDepthSixAncestorAndIsStreamedEarly) {
     EXPECT_EQ(node->otherCount, 1U) << "the depth-7 folder is its one entry";
     EXPECT_EQ(test::brokenRules(r.tree, defaultSpaceScanOptions), std::vector<std::string>{});
 
-    // The file and the folders the map draws above it are streamed as soon as they finish.
+    // The file and the folders the map draws above it are told as soon as they finish.
     std::vector<std::string> streamed;
-    for (const SpaceProgressEvent& e : events.events) {
-        if (e.kind == SpaceProgressEvent::Kind::bigItem) {
-            EXPECT_EQ(e.tag, "SD_BIG");
-            EXPECT_EQ(e.bytes, blocksOf(file));
-            streamed.push_back(e.path);
-        }
+    for (const OperationProgress::Notice& notice : progress.takeNotices()) {
+        EXPECT_EQ(notice.bytes, blocksOf(file));
+        streamed.push_back(notice.path);
     }
     std::vector<std::string> expected(levels.begin(), levels.begin() + 6);
     expected.push_back(file);
     std::sort(streamed.begin(), streamed.end());
     std::sort(expected.begin(), expected.end());
     EXPECT_EQ(streamed, expected);
-    // The events start at 0 and end with "Scan complete"; in between the counts only grow.
-    ASSERT_GE(events.events.size(), 2U);
-    EXPECT_EQ(events.events.front().kind, SpaceProgressEvent::Kind::started);
-    EXPECT_EQ(events.events.front().fraction, 0.0);
-    EXPECT_EQ(events.events.back().kind, SpaceProgressEvent::Kind::complete);
-    EXPECT_EQ(events.events.back().text, "Scan complete");
-    EXPECT_EQ(events.events.back().fraction, 1.0);
-    double last = 0;
-    for (const SpaceProgressEvent& e : events.events) {
-        EXPECT_GE(e.fraction, last);
-        EXPECT_LE(e.fraction, 1.0);
-        last = e.fraction;
-        if (e.kind == SpaceProgressEvent::Kind::progress) {
-            EXPECT_TRUE(e.text.ends_with(" items scanned")) << e.text;
-        }
-    }
+    // The progress ends complete, with every entry the scan examined counted.
+    OperationProgress::Reading done = progress.read();
+    EXPECT_EQ(done.phase, "Scan complete");
+    EXPECT_EQ(done.fraction, 1.0);
+    EXPECT_EQ(done.items, r.tree.scannedNodeCount);
 }
 
 TEST(SpaceScan, HundredFilesOfTwoMegabytesKeepFortyEightAndFoldFiftyTwo) {
@@ -506,19 +492,31 @@ TEST(SpaceScan, StopThrowsOperationCancelledAndKeepsNothing) {
         makeDirs(t + "/d" + std::to_string(i));
         writeFilledFile(t + "/d" + std::to_string(i) + "/f", 5000);
     }
-    for (int cancelAfter : {0, 1}) {
-        test::RecordingCallback callback;
-        callback.cancelAfterEvents = cancelAfter;
+    // Stopped before it starts, and in the middle of the walk (as the workers open d5).
+    for (bool midway : {false, true}) {
+        if (midway && !testhooks::enabled) {
+            continue;
+        }
+        std::stop_source stop;
+        if (midway) {
+            testhooks::setBeforeOpenDirectory([&](const std::string& path) {
+                if (path == t + "/d5") {
+                    stop.request_stop();
+                }
+            });
+        } else {
+            stop.request_stop();
+        }
+        OperationProgress progress;
         try {
-            scanWith(t, defaultSpaceScanOptions, 2, &callback);
+            scanWith(t, defaultSpaceScanOptions, 2, &progress, 600, stop.get_token());
             ADD_FAILURE() << "a stopped scan returned a result";
         } catch (const CleanerError& e) {
             EXPECT_EQ(e.kind(), CleanerError::Kind::operationCancelled);
             EXPECT_EQ(e.message(), "Operation cancelled");
         }
-        for (const SpaceProgressEvent& e : callback.events) {
-            EXPECT_NE(e.kind, SpaceProgressEvent::Kind::complete);
-        }
+        testhooks::setBeforeOpenDirectory({});
+        EXPECT_NE(progress.read().phase, "Scan complete");
     }
 }
 

@@ -117,8 +117,8 @@ protected:
 
 TEST_F(SweepOnAFixtureHome, TilesAndTargetsMatchFindToTheByte) {
     Sweep sweep(DistributionMode::direct, *store, policy);
-    std::vector<SweepProgress> seen;
-    sweep.run([&](const SweepProgress& p) { seen.push_back(p); }, Cancellation());
+    SweepProgress progress;
+    sweep.run({}, &progress);
 
     const char* developer[]{"python_tools", "javascript_tools", "rust_go"};
     const char* apps[]{"browser_caches", "ide_caches"};
@@ -138,9 +138,11 @@ TEST_F(SweepOnAFixtureHome, TilesAndTargetsMatchFindToTheByte) {
     EXPECT_EQ(tileTitle(*sweep.tile(SweepTileKind::redownloads)), "AI models you can re-download");
     EXPECT_EQ(tileSubtitle(*sweep.tile(SweepTileKind::appCaches)),
               "3 apps · each rebuilds what it needs");
-    ASSERT_FALSE(seen.empty());
-    EXPECT_DOUBLE_EQ(seen.back().fraction, 1.0);
-    EXPECT_EQ(seen.back().finishedKinds.size(), 6U);
+    EXPECT_DOUBLE_EQ(progress.fraction(), 1.0);
+    EXPECT_EQ(progress.tile(SweepTileKind::developer).read().bytes,
+              sweep.tile(SweepTileKind::developer)->bytes);
+    EXPECT_EQ(progress.tile(SweepTileKind::trash).read().bytes,
+              sweep.tile(SweepTileKind::trash)->bytes);
 
     std::optional<SweepRecord> record = Sweep::lastRecord(*store);
     ASSERT_TRUE(record.has_value());
@@ -154,7 +156,7 @@ TEST_F(SweepOnAFixtureHome, TilesAndTargetsMatchFindToTheByte) {
 TEST_F(SweepOnAFixtureHome, ReclaimMovesEverythingAndPutBackReturnsItByteForByte) {
     std::string before = checksums(allFolders());
     Sweep sweep(DistributionMode::direct, *store, policy);
-    sweep.run({}, Cancellation());
+    sweep.run();
     ReclaimJournal journal(test::freshFolder("sweep-journal") + "/journal.json");
     journal.load();
     SweepReclaimResult result = sweep.reclaim(
@@ -199,7 +201,7 @@ TEST_F(SweepOnAFixtureHome, ReclaimMovesEverythingAndPutBackReturnsItByteForByte
 TEST_F(SweepOnAFixtureHome, ChangingWhatIsLeftOutBeforeReclaimingMovesNothing) {
     Sweep sweep(DistributionMode::direct, *store, policy);
     sweep.leaveOut("ide_caches");
-    sweep.run({}, Cancellation());
+    sweep.run();
     EXPECT_EQ(sweep.tile(SweepTileKind::appCaches)->leftOut, std::set<std::string>{"ide_caches"});
     EXPECT_EQ(tileSubtitle(*sweep.tile(SweepTileKind::appCaches)),
               "2 apps · each rebuilds what it needs · 1 left out");
