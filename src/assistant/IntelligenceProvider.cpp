@@ -130,11 +130,10 @@ std::string statusText(const IntelligenceProviderStatus& status) {
 
 std::vector<std::string> searchFolders(IntelligenceProvider provider, const std::string& home) {
     std::vector<std::string> folders;
-    std::span<const std::string_view> specified =
-        provider == IntelligenceProvider::claudeCode
-            ? std::span<const std::string_view>(claudeFolders)
-            : std::span<const std::string_view>(codexFolders);
-    for (std::string_view folder : specified) {
+    std::span<const std::string_view> usual = provider == IntelligenceProvider::claudeCode
+                                                  ? std::span<const std::string_view>(claudeFolders)
+                                                  : std::span<const std::string_view>(codexFolders);
+    for (std::string_view folder : usual) {
         folders.push_back(expand(folder, home));
     }
     for (std::string_view folder : platform::extraToolFolders()) {

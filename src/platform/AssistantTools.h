@@ -15,7 +15,7 @@ std::string loginShell();
 // The account's user name from the user database; empty when it has no entry.
 std::string accountUserName();
 
-// Folders this platform adds after the specified search folders, for tools a login shell's
+// Folders this platform adds after the usual search folders, for tools a login shell's
 // capture can miss. Entries starting with "~" are below the home folder.
 std::span<const std::string_view> extraToolFolders();
 
