@@ -1,5 +1,6 @@
 #include "app/MainWindow.h"
 
+#include "app/AssistantViews.h"
 #include "app/KnownCaches.h"
 #include "app/Models.h"
 
@@ -95,6 +96,7 @@ MainWindow::MainWindow(QWidget* parent)
     spaceMap_->setKnownCaches(KnownCaches(catalog_.catalog));
     largeOld_ = new LargeOldPage(*journal_);
     duplicates_ = new DuplicatesPage(*journal_);
+    snapshots_ = new SnapshotsPage;
     addScreen(Screen::sweep, QStringLiteral("Sweep"), sweep_, screenNumber::sweep,
               sweep_->sweepButton());
     addScreen(Screen::cleanup, QStringLiteral("Cleanup"), cleanup_, screenNumber::cleanup,
@@ -106,6 +108,8 @@ MainWindow::MainWindow(QWidget* parent)
               largeOld_->searchButton(), true);
     addScreen(Screen::duplicates, QStringLiteral("Duplicates"), duplicates_,
               screenNumber::worthALook, duplicates_->searchButton(), true);
+    addScreen(Screen::snapshots, QStringLiteral("Snapshots"), snapshots_, screenNumber::worthALook,
+              snapshots_->refreshButton(), true);
     addScreen(Screen::activity, QStringLiteral("Activity"), activity_, screenNumber::activity,
               nullptr);
     addScreen(Screen::settings, QStringLiteral("Settings"), settings_, screenNumber::settings,
@@ -129,6 +133,8 @@ MainWindow::MainWindow(QWidget* parent)
         }
     });
     connect(settings_, &SettingsPage::leftOutChanged, cleanup_, &CleanupPage::refreshLeftOut);
+    addExplainEntryPoints(*sweep_, *spaceMap_, *largeOld_, *duplicates_);
+    sideLayout->addWidget(makeAskBox(*spaceMap_));
     // Whatever reaches the Trash from any screen patches the Space Map's tree in place.
     auto patchMap = [this](const std::vector<MovedItem>& moved) {
         spaceMap_->applyMoves(moved);

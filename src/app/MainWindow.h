@@ -2,6 +2,7 @@
 
 #include "app/CatalogState.h"
 #include "app/Pages.h"
+#include "app/SnapshotsPage.h"
 #include "app/Workers.h"
 
 #include <QListWidget>
@@ -33,7 +34,16 @@ class MainWindow : public QMainWindow {
     Q_OBJECT
 
 public:
-    enum class Screen { sweep, cleanup, spaceMap, largeOld, duplicates, activity, settings };
+    enum class Screen {
+        sweep,
+        cleanup,
+        spaceMap,
+        largeOld,
+        duplicates,
+        snapshots,
+        activity,
+        settings
+    };
 
     explicit MainWindow(QWidget* parent = nullptr);
 
@@ -56,6 +66,7 @@ public:
     SpaceMapPage* spaceMapPage() const noexcept { return spaceMap_; }
     LargeOldPage* largeOldPage() const noexcept { return largeOld_; }
     DuplicatesPage* duplicatesPage() const noexcept { return duplicates_; }
+    SnapshotsPage* snapshotsPage() const noexcept { return snapshots_; }
     OnboardingPage* onboardingPage() const noexcept { return onboarding_; }
     QListWidget* sidebar() const noexcept { return sidebar_; }
     // The scrolling frame a screen is shown in.
@@ -98,6 +109,7 @@ private:
     SpaceMapPage* spaceMap_;
     LargeOldPage* largeOld_;
     DuplicatesPage* duplicates_;
+    SnapshotsPage* snapshots_;
 };
 
 // The settings key that records the introduction was seen.

@@ -1,5 +1,6 @@
 #include "app/SettingsPage.h"
 
+#include "app/AssistantViews.h"
 #include "app/Widgets.h"
 #include "platform/Dirs.h"
 
@@ -39,6 +40,10 @@ SettingsPage::SettingsPage(CatalogState& catalog, QWidget* parent) : QWidget(par
     connect(model_, &SweepTargetsModel::dataChanged, this,
             [list, showNote] { showNote(list->currentIndex()); });
     connect(model_, &SweepTargetsModel::leftOutChanged, this, &SettingsPage::leftOutChanged);
+
+    layout->addSpacing(6);
+    layout->addWidget(sectionLabel(QStringLiteral("Assistant")));
+    layout->addWidget(new AssistantSettings(platform::UserDefaults::standard()));
 
     layout->addSpacing(6);
     layout->addWidget(sectionLabel(QStringLiteral("This copy")));

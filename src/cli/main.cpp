@@ -1,3 +1,4 @@
+#include "cli/AssistantCommand.h"
 #include "cli/MeasureCommand.h"
 #include "cli/ReclaimCommands.h"
 #include "cli/ReviewCommands.h"
@@ -27,6 +28,8 @@ int main(int argc, char** argv) {
     sd::cli::addDuplicatesCommand(app, exitStatus);
     sd::cli::addLargeOldCommand(app, exitStatus);
     sd::cli::addSpaceCommand(app, exitStatus);
+    sd::cli::addSnapshotsCommand(app, exitStatus);
+    sd::cli::addAssistantCommand(app, exitStatus);
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp& e) {

@@ -1,6 +1,7 @@
 #include "reclaim/GitIgnoreCheck.h"
 
-#include "core/ChildProcess.h"
+#include "base/ChildProcess.h"
+#include "base/CleanerError.h"
 #include "core/PathRules.h"
 #include "platform/ScopeTables.h"
 
@@ -45,13 +46,22 @@ bool askGit(const std::string& git, const std::string& root, const std::string& 
             return found->second.first;
         }
     }
-    ChildResult ignored = runChild(git, {"-C", root, "check-ignore", "-q", "--", relative},
-                                   gitEnvironment(), runLimit);
+    auto run = [&](std::vector<std::string> arguments) {
+        ChildCommand command{.executable = git,
+                             .arguments = std::move(arguments),
+                             .environment = gitEnvironment(),
+                             .timeout = runLimit};
+        try {
+            return runChild(command);
+        } catch (const CleanerError&) {
+            return ChildResult{}; // git that cannot start answers no
+        }
+    };
+    ChildResult ignored = run({"-C", root, "check-ignore", "-q", "--", relative});
     bool answer = false;
-    if (ignored.exitStatus == 0) {
-        ChildResult tracked = runChild(git, {"-C", root, "ls-files", "-z", "--", relative},
-                                       gitEnvironment(), runLimit);
-        answer = tracked.exitStatus == 0 && tracked.output.empty();
+    if (ignored.succeeded()) {
+        ChildResult tracked = run({"-C", root, "ls-files", "-z", "--", relative});
+        answer = tracked.succeeded() && tracked.output.empty();
     }
     AnswerCache& c = cache();
     std::lock_guard guard(c.lock);

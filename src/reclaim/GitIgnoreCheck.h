@@ -17,7 +17,7 @@ struct VCSIgnoreCheck {
     std::function<bool(const std::string& root, const std::string& path)> isIgnoredAndUntracked;
 };
 
-// Asks the real git, with a fixed environment, no standard input or error, a 5-second limit per
+// Asks the real git, with a fixed environment, empty standard input, a 5-second limit per
 // run and a 5-second answer cache shared by the process. `candidates` are the places git is
 // looked for, in order; none executable means every answer is no.
 VCSIgnoreCheck makeGitIgnoreCheck(std::vector<std::string> candidates);

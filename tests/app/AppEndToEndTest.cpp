@@ -228,7 +228,8 @@ private slots:
         press(Qt::Key_4, Qt::ControlModifier);
         QCOMPARE(window_->currentScreen(), Screen::spaceMap);
 
-        // Worth a look: Ctrl+5 opens Large & old, and again Duplicates; Return searches each.
+        // Worth a look: Ctrl+5 opens Large & old, and again Duplicates, then Snapshots; Return
+        // searches each review.
         press(Qt::Key_5, Qt::ControlModifier);
         QCOMPARE(window_->currentScreen(), Screen::largeOld);
         press(Qt::Key_Return);
@@ -239,6 +240,8 @@ private slots:
         press(Qt::Key_Return);
         QTRY_VERIFY_WITH_TIMEOUT(!window_->duplicatesPage()->runner().isRunning(), 60000);
         QCOMPARE(window_->duplicatesPage()->searchButton()->text(), QStringLiteral("Search Again"));
+        press(Qt::Key_5, Qt::ControlModifier);
+        QCOMPARE(window_->currentScreen(), Screen::snapshots);
         press(Qt::Key_5, Qt::ControlModifier);
         QCOMPARE(window_->currentScreen(), Screen::largeOld);
 
