@@ -188,46 +188,17 @@ std::string directoryOf(const std::string& path) {
     return path.substr(0, path.rfind('/'));
 }
 
-std::string fileNameOf(const std::string& path) {
-    return path.substr(path.rfind('/') + 1);
-}
-
-std::string timestampForName() {
-    std::time_t now = std::time(nullptr);
-    std::tm utc{};
-    ::gmtime_r(&now, &utc);
-    char text[32];
-    std::strftime(text, sizeof text, "%Y%m%d-%H%M%S", &utc);
-    return text;
-}
-
 // Reads the file under the lock. An undecodable file is renamed aside, never overwritten.
 std::vector<JournalEntry> readDisk(const std::string& file, std::vector<std::string>& warnings) {
-    UniqueFd fd(::open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
-    if (!fd) {
-        if (errno == ENOENT) {
-            return {};
-        }
-        throw makeCoreError(operation::opening, file, errno);
+    std::optional<std::string> text = readRecordFile(file);
+    if (!text) {
+        return {};
     }
-    struct stat st {};
-    if (::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
-        // Not a file (a folder, a device): never renamed aside, never replaced.
-        throw makeCoreError(operation::opening, file, S_ISDIR(st.st_mode) ? EISDIR : EINVAL);
-    }
-    std::string text = readAll(fd.get());
     try {
-        return decode(text);
+        return decode(*text);
     } catch (const std::exception&) {
-        std::string aside = file + ".unreadable-" + timestampForName();
-        for (int n = 2; ::access(aside.c_str(), F_OK) == 0; ++n) {
-            aside = file + ".unreadable-" + timestampForName() + "-" + std::to_string(n);
-        }
-        if (::rename(file.c_str(), aside.c_str()) != 0) {
-            throw makeCoreError(operation::opening, file, errno);
-        }
         warnings.push_back("The activity journal could not be read, so it was kept as " +
-                           fileNameOf(aside) +
+                           keepAside(file) +
                            " and a new one was started. Nothing on your disk was changed.");
         return {};
     }

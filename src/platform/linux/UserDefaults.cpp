@@ -36,72 +36,27 @@ std::optional<json> decodeStore(const std::string& text) {
     }
 }
 
-struct StoreText {
-    bool exists = false;
-    std::string text;
-};
-
-StoreText readText(const std::string& path) {
-    UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
-    if (!fd) {
-        if (errno == ENOENT) {
-            return {};
-        }
-        throw makeCoreError(operation::opening, path, errno);
-    }
-    struct stat st {};
-    if (::fstat(fd.get(), &st) != 0) {
-        throw makeCoreError(operation::readingMetadata, path, errno);
-    }
-    if (!S_ISREG(st.st_mode)) {
-        // A folder where the file should be is nothing to read and nothing to replace.
-        throw makeCoreError(operation::opening, path, S_ISDIR(st.st_mode) ? EISDIR : EINVAL);
-    }
-    return {true, readAll(fd.get(), size_t(1) << 26)};
-}
-
 // A store that cannot be read is read as empty; reading never changes the file.
 json readStore(const std::string& path) {
     try {
-        StoreText store = readText(path);
-        return decodeStore(store.exists ? store.text : "{}").value_or(json::object());
+        return decodeStore(readRecordFile(path).value_or("{}")).value_or(json::object());
     } catch (const CleanerError&) {
         return json::object();
     }
 }
 
-std::string timestampForName() {
-    std::time_t now = std::time(nullptr);
-    std::tm utc{};
-    ::gmtime_r(&now, &utc);
-    char text[32];
-    std::strftime(text, sizeof text, "%Y%m%d-%H%M%S", &utc);
-    return text;
-}
-
-std::string fileNameOf(const std::string& path) {
-    return path.substr(path.rfind('/') + 1);
-}
-
 // The store as it is on disk under the lock; one that cannot be read is renamed aside first, so
 // the write that follows never replaces what the person may still want.
 json storeForWriting(const std::string& file, std::vector<std::string>& problems) {
-    StoreText store = readText(file);
-    if (!store.exists) {
+    std::optional<std::string> text = readRecordFile(file);
+    if (!text) {
         return json::object();
     }
-    if (std::optional<json> decoded = decodeStore(store.text)) {
+    if (std::optional<json> decoded = decodeStore(*text)) {
         return *decoded;
     }
-    std::string aside = file + ".unreadable-" + timestampForName();
-    for (int n = 2; ::access(aside.c_str(), F_OK) == 0; ++n) {
-        aside = file + ".unreadable-" + timestampForName() + "-" + std::to_string(n);
-    }
-    if (::rename(file.c_str(), aside.c_str()) != 0) {
-        throw makeCoreError(operation::opening, file, errno);
-    }
-    problems.push_back("Your settings could not be read, so they were kept as " +
-                       fileNameOf(aside) + " and new settings were started.");
+    problems.push_back("Your settings could not be read, so they were kept as " + keepAside(file) +
+                       " and new settings were started.");
     return json::object();
 }
 
