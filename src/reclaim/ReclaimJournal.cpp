@@ -204,14 +204,18 @@ std::vector<JournalEntry> readDisk(const std::string& file, std::vector<std::str
     }
 }
 
-void writeDisk(const std::string& file, const std::vector<JournalEntry>& entries) {
+std::string serialize(const std::vector<JournalEntry>& entries) {
     json out = json::array();
     for (const JournalEntry& entry : entries) {
         if (!entry.items.empty()) {
             out.push_back(entryJson(entry));
         }
     }
-    replaceFileAtomically(file, out.dump(2));
+    return out.dump(2);
+}
+
+void writeDisk(const std::string& file, const std::vector<JournalEntry>& entries) {
+    replaceFileAtomically(file, serialize(entries));
 }
 // Beside the journal, what each moved object was born as, so that a new file that reuses a
 // trashed item's name and inode after the Trash was emptied is never taken for it. Kept apart
@@ -630,12 +634,18 @@ TrashRestoreResult ReclaimJournal::putBack(const std::string& entryID,
     FileLock lock(*file_);
     std::vector<JournalEntry> merged = merge(readDisk(*file_, warnings_), entries_);
     // Proves the journal can take the result before anything moves: a Put Back the journal
-    // cannot record would leave Activity saying the item is still in the Trash.
-    writeDisk(*file_, merged);
+    // cannot record would leave Activity saying the item is still in the Trash. The result is
+    // no larger than what is written here.
+    std::string probe = *file_ + ".probe";
+    replaceFileAtomically(probe, serialize(merged));
+    ::unlink(probe.c_str());
     json births = readBirthRecords(directoryOf(*file_) + "/" + std::string(birthRecordsName));
+    const std::string before = serialize(merged);
     restoreItems(merged, entryID, group, stop, births, result);
     try {
-        writeDisk(*file_, merged);
+        if (serialize(merged) != before) {
+            writeDisk(*file_, merged);
+        }
     } catch (const CleanerError& error) {
         result.notes.push_back(
             std::string("What went back is back, but Activity could not be updated (") +

@@ -80,8 +80,10 @@ CliRun sparrowdeck(const Home& home, const std::string& arguments,
 // The empty lock files beside the records are left out: taking a lock creates one, and it never
 // holds anything.
 std::string snapshot(const Home& home) {
+    // A folder's own size follows its entries on some file systems, so only files show a size.
     return test::runShell("find " + test::shellQuote(home.path) +
-                          " -name '*.lock' -prune -o -printf '%P %s %y %i\\n' | sort")
+                          " -name '*.lock' -prune -o -type f -printf '%P %s %y %i\\n' -o"
+                          " -printf '%P %y %i\\n' | sort")
         .output;
 }
 
@@ -125,20 +127,25 @@ void mountTmpfs(Home& home, const std::string& at, const std::string& options) {
     home.tmpfs.push_back(std::move(mounted));
 }
 
-// Fills a file system until it has no block left, as a user's full disk would be.
+// Fills a file system until it has no block left, as a user's full disk would be. Space the file
+// system held back for delayed allocation comes free after a sync, so it is filled again until a
+// pass finds nothing.
 void fill(const std::string& folder) {
-    test::runShell("dd if=/dev/zero of=" + test::shellQuote(folder + "/filler") +
-                   " bs=4k 2>/dev/null; sync");
+    for (int pass = 0; pass < 8; ++pass) {
+        std::string filler = folder + "/filler-" + std::to_string(pass);
+        test::runShell("cat /dev/zero > " + test::shellQuote(filler) + " 2>/dev/null; sync");
+        struct stat st {};
+        if (::lstat(filler.c_str(), &st) == 0 && st.st_size == 0) {
+            ::unlink(filler.c_str());
+            break;
+        }
+    }
 }
 
+// A 2 MB file system for the records. tmpfs rather than a loop-mounted ext4: ext4 keeps blocks
+// back for its own metadata, so a filled 2 MB ext4 still took a small journal write here.
 void mountFullVolume(Home& home, const std::string& at) {
-    std::string whyNot;
-    auto volume = test::LoopVolume::mount("ext4", at, whyNot, "2M");
-    if (!volume) {
-        home.skipReason = whyNot;
-        return;
-    }
-    home.volumes.push_back(std::move(volume));
+    mountTmpfs(home, at, "size=2m");
 }
 
 // The release binary has no SPARROWDECK_HOME: it lives beside the build this suite came from.
@@ -387,7 +394,7 @@ std::vector<Row> rows() {
              return "trash --yes " + test::shellQuote(home.path + "/keep.txt");
          },
          1, "The activity journal could not record the move", Disk::unchanged},
-        {"support folder on a full 2 MB volume",
+        {"support folder on a full 2 MB file system",
          [](Home& home) {
              mountFullVolume(home, home.support());
              if (home.skipReason.empty()) {
