@@ -155,9 +155,15 @@ void refreshTargetBytes(JournalEntry& entry) {
 }
 
 // What two writers know together: every entry either has, every item either has, and an item
-// restored by either is restored.
+// restored by either is restored. A pending item (no Trash path yet) is the disk's to keep: the
+// process that wrote it drops or completes it there, and a copy read earlier must not revive it.
 std::vector<JournalEntry> merge(std::vector<JournalEntry> disk,
-                                const std::vector<JournalEntry>& mine) {
+                                const std::vector<JournalEntry>& known) {
+    std::vector<JournalEntry> mine = known;
+    for (JournalEntry& entry : mine) {
+        std::erase_if(entry.items, [](const TrashedItem& item) { return item.trashPath.empty(); });
+    }
+    std::erase_if(mine, [](const JournalEntry& entry) { return entry.items.empty(); });
     for (const JournalEntry& entry : mine) {
         auto same = std::find_if(disk.begin(), disk.end(),
                                  [&](const JournalEntry& e) { return e.id == entry.id; });
