@@ -58,6 +58,14 @@ struct SweepOptions {
     std::string bringBack;
 };
 
+// Settings that could not be read or saved are said once, on standard error; they never stop
+// the work itself.
+void reportSettings(const platform::UserDefaults& store) {
+    for (const std::string& problem : store.problems()) {
+        std::fprintf(stderr, "%s\n", problem.c_str());
+    }
+}
+
 void runSweep(const SweepOptions& options, int& exitStatus) {
     platform::UserDefaults store = platform::UserDefaults::standard();
     Sweep sweep(DistributionMode::direct, store, standardPolicy());
@@ -71,13 +79,25 @@ void runSweep(const SweepOptions& options, int& exitStatus) {
                 return;
             }
         }
+        const std::size_t failedBefore = store.failedWrites();
         if (!options.leaveOut.empty()) {
             sweep.leaveOut(options.leaveOut);
+        }
+        if (!options.bringBack.empty()) {
+            sweep.bringBack(options.bringBack);
+        }
+        reportSettings(store);
+        if (store.failedWrites() != failedBefore) {
+            std::fprintf(stderr, "What you asked for was not saved; the next Sweep still "
+                                 "includes the same targets.\n");
+            exitStatus = 1;
+            return;
+        }
+        if (!options.leaveOut.empty()) {
             std::printf("%s: %s\n", options.leaveOut.c_str(),
                         std::string(leftOutCatalogText).c_str());
         }
         if (!options.bringBack.empty()) {
-            sweep.bringBack(options.bringBack);
             std::printf("%s: %s\n", options.bringBack.c_str(),
                         std::string(broughtBackText).c_str());
         }
@@ -101,6 +121,10 @@ void runSweep(const SweepOptions& options, int& exitStatus) {
         reclaimKinds.insert(*kind);
     }
 
+    // A reclaim the person may still decline leaves nothing behind, not even the Sweep's record.
+    if (!reclaimKinds.empty()) {
+        store.holdWrites();
+    }
     SweepProgress progress;
     runWithProgress([&](const std::stop_token& stop) { sweep.run(stop, &progress); },
                     [&] {
@@ -145,6 +169,7 @@ void runSweep(const SweepOptions& options, int& exitStatus) {
             go = confirm(moveQuestion(bytes) + " " + std::string(sweepRecheckText));
         }
         if (go) {
+            store.commitHeldWrites();
             ReclaimJournal journal = ReclaimJournal::standard();
             try {
                 for (const std::string& warning : journal.load()) {
@@ -157,6 +182,7 @@ void runSweep(const SweepOptions& options, int& exitStatus) {
                                                    " Nothing more was moved.");
             }
         } else {
+            store.dropHeldWrites();
             reclaimed = SweepReclaimResult{};
             reclaimed->refused = true;
             reclaimed->reclaimErrors.emplace_back(
@@ -169,6 +195,7 @@ void runSweep(const SweepOptions& options, int& exitStatus) {
         }
     }
 
+    reportSettings(store);
     if (options.json) {
         json tiles = json::array();
         for (const SweepTile& tile : sweep.tiles()) {
