@@ -1,3 +1,4 @@
+#include "cli/AppsCommand.h"
 #include "cli/AssistantCommand.h"
 #include "cli/MeasureCommand.h"
 #include "cli/ReclaimCommands.h"
@@ -29,6 +30,8 @@ int main(int argc, char** argv) {
     sd::cli::addLargeOldCommand(app, exitStatus);
     sd::cli::addSpaceCommand(app, exitStatus);
     sd::cli::addSnapshotsCommand(app, exitStatus);
+    sd::cli::addAppsCommand(app, exitStatus);
+    sd::cli::addUninstallCommand(app, exitStatus);
     sd::cli::addAssistantCommand(app, exitStatus);
     try {
         app.parse(argc, argv);

@@ -236,6 +236,44 @@ private:
 
 } // namespace
 
+std::vector<ApplicationUse> recentApplicationUses(const std::string& file) {
+    std::string text = readWholeFile(file);
+    std::string_view xml(text);
+    std::vector<ApplicationUse> uses;
+    constexpr std::string_view opening = "<bookmark:application";
+    for (size_t at = 0; (at = xml.find(opening, at)) != std::string_view::npos;) {
+        size_t end = xml.find('>', at);
+        if (end == std::string_view::npos) {
+            break;
+        }
+        std::string_view tag = xml.substr(at + opening.size(), end - at - opening.size());
+        at = end;
+        std::optional<std::string> name = attribute(tag, "name");
+        std::optional<std::string> exec = attribute(tag, "exec");
+        std::optional<double> when = parseDate(attribute(tag, "modified"));
+        if (std::optional<std::string> stamp = attribute(tag, "timestamp"); stamp && !when) {
+            char* stop = nullptr;
+            double seconds = std::strtod(stamp->c_str(), &stop);
+            if (stop != stamp->c_str() && seconds >= 1) {
+                when = seconds;
+            }
+        }
+        if (!name || !when) {
+            continue;
+        }
+        std::string command = exec.value_or("");
+        auto same = std::find_if(uses.begin(), uses.end(), [&](const ApplicationUse& use) {
+            return use.name == *name && use.exec == command;
+        });
+        if (same == uses.end()) {
+            uses.push_back({*name, command, *when});
+        } else {
+            same->lastUsed = std::max(same->lastUsed, *when);
+        }
+    }
+    return uses;
+}
+
 LastOpenedReader systemLastOpenedReader() {
     auto records =
         std::make_shared<const RecordTable>(loadRecentlyUsed(dataHome() + "/recently-used.xbel"));
