@@ -30,7 +30,9 @@ std::string lower(std::string_view text) {
 std::vector<std::pair<std::string, struct stat>> entriesOf(const std::string& folder,
                                                            const std::stop_token& stop) {
     std::vector<std::pair<std::string, struct stat>> out;
-    UniqueFd fd = openChain(folder);
+    // Opened from "/" without following a link, then for reading its names.
+    UniqueFd chain = openChain(folder);
+    UniqueFd fd(chain ? ::openat(chain.get(), ".", listingOpenFlags) : -1);
     if (!fd) {
         return out;
     }

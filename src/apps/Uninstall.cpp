@@ -133,7 +133,8 @@ UninstallOutcome uninstallApp(const platform::InstalledApp& app, const std::vect
 
     throwIfStopped(stop);
     if (app.source == AppSource::bundle) {
-        if (!canMoveApp(app)) {
+        if (!app.location.starts_with(options.applicationsFolder + "/") ||
+            !app.location.ends_with(".app")) {
             out.notes.push_back("Sparrowdeck only moves apps from /Applications; " + name +
                                 " stayed.");
             return out;

@@ -34,6 +34,8 @@ OSAScriptResult runAppleScript(const std::string& osascript, const std::string& 
                                const std::stop_token& stop = {});
 
 struct UninstallOptions {
+    // Where app bundles may be moved from.
+    std::string applicationsFolder = "/Applications";
     // The AppleScript runner for app bundles.
     std::string osascript = "/usr/bin/osascript";
     // Where a bundle Finder moved is found in the Trash, to check it is the one planned.
