@@ -309,3 +309,64 @@ TEST(FinderUninstall, ErrorsMapToTheirNotesAndAFailedMoveMovesNoData) {
 
 } // namespace
 } // namespace sd
+
+namespace sd {
+namespace {
+
+nlohmann::json tileOf(const nlohmann::json& sweep, const std::string& kind) {
+    for (const auto& tile : sweep.at("tiles")) {
+        if (tile.at("kind") == kind) {
+            return tile;
+        }
+    }
+    return {};
+}
+
+TEST(SweepAppTiles, LeftoversAndUsedInstallersFillTheirTilesAndMove) {
+    const std::string& home = test::fixtureHome();
+    test::makeDirs(home + "/.var/app/org.example.Gone/config");
+    test::writeFilledFile(home + "/.var/app/org.example.Gone/config/state", 50000);
+    test::makeDirs(home + "/Applications");
+    writeAppImage(home + "/Applications/Viewer-2.0.AppImage", 60000);
+    test::makeDirs(home + "/.var/app/Viewer"); // a Flatpak-style folder named like an app
+    test::makeDirs(home + "/Downloads");
+    writeAppImage(home + "/Downloads/Viewer-1.5.AppImage", 30000);
+    writeAppImage(home + "/Viewer-1.0.AppImage", 20000);
+
+    CliRun swept = run("sweep --json");
+    ASSERT_EQ(swept.status, 0) << swept.output;
+    nlohmann::json out = nlohmann::json::parse(swept.output);
+    nlohmann::json leftovers = tileOf(out, "leftovers");
+    EXPECT_EQ(leftovers.at("subtitle"), "1 removed app · matched by app ID, never by name");
+    ASSERT_EQ(leftovers.at("items").size(), 1U);
+    EXPECT_EQ(leftovers.at("items")[0].at("path"), home + "/.var/app/org.example.Gone");
+    EXPECT_EQ(leftovers.at("bytes").get<std::uint64_t>(),
+              test::peerAllocatedBytes(home + "/.var/app/org.example.Gone"));
+    nlohmann::json installers = tileOf(out, "installers");
+    EXPECT_EQ(installers.at("subtitle"), "2 installers whose app is installed");
+    ASSERT_EQ(installers.at("items").size(), 2U);
+    EXPECT_EQ(installers.at("items")[0].at("path"), home + "/Downloads/Viewer-1.5.AppImage");
+    EXPECT_EQ(installers.at("items")[1].at("path"), home + "/Viewer-1.0.AppImage");
+
+    // The vault keeps what lies in the person's own folders (Downloads among them) in place and
+    // says so; the rest moves.
+    CliRun reclaimed = run("sweep --reclaim leftovers installers --yes --json");
+    EXPECT_EQ(reclaimed.status, 1) << reclaimed.output;
+    nlohmann::json errors =
+        nlohmann::json::parse(reclaimed.output).at("reclaim").at("reclaimErrors");
+    ASSERT_EQ(errors.size(), 1U);
+    EXPECT_EQ(errors[0].get<std::string>().find(home + "/Downloads/Viewer-1.5.AppImage: "), 0U);
+    EXPECT_NE(::access((home + "/.var/app/org.example.Gone").c_str(), F_OK), 0);
+    EXPECT_NE(::access((home + "/Viewer-1.0.AppImage").c_str(), F_OK), 0);
+    EXPECT_EQ(::access((home + "/Downloads/Viewer-1.5.AppImage").c_str(), F_OK), 0);
+    EXPECT_EQ(::access((home + "/Applications/Viewer-2.0.AppImage").c_str(), F_OK), 0);
+    EXPECT_EQ(::access((home + "/.var/app/Viewer").c_str(), F_OK), 0)
+        << "an installed app's id claims the folder";
+    nlohmann::json activity = nlohmann::json::parse(run("activity --json").output);
+    ASSERT_EQ(activity.at("entries").size(), 1U);
+    EXPECT_EQ(activity.at("entries")[0].at("kind"), "sweep");
+    EXPECT_EQ(activity.at("entries")[0].at("items").size(), 2U);
+}
+
+} // namespace
+} // namespace sd
