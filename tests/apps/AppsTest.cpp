@@ -133,9 +133,16 @@ TEST(InstalledApps, ReadsEverySourceFromItsDeployLayout) {
     put(user + "tool-integrated.desktop",
         "[Desktop Entry]\nType=Application\nName=Tool Deluxe\nExec=\"" + home +
             "/Applications/Tool-1.2.3-x86_64.AppImage\" %U\n");
+    // As GTK writes it: the namespaces and the metadata owner are what GLib reads it by.
     put(home + "/.local/share/recently-used.xbel",
-        "<?xml version=\"1.0\"?>\n<xbel><bookmark href=\"file:///tmp/a.txt\" "
-        "added=\"2024-01-01T00:00:00Z\">\n<info><metadata><bookmark:applications>"
+        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+        "<xbel version=\"1.0\" "
+        "xmlns:bookmark=\"http://www.freedesktop.org/standards/desktop-bookmarks\" "
+        "xmlns:mime=\"http://www.freedesktop.org/standards/shared-mime-info\">\n"
+        "<bookmark href=\"file:///tmp/a.txt\" added=\"2024-01-01T00:00:00Z\" "
+        "modified=\"2024-03-04T05:06:07Z\" visited=\"2024-03-04T05:06:07Z\">\n"
+        "<info><metadata owner=\"http://freedesktop.org\">"
+        "<mime:mime-type type=\"text/plain\"/><bookmark:applications>"
         "<bookmark:application name=\"Hello World\" exec=\"&apos;hello %u&apos;\" "
         "modified=\"2024-03-04T05:06:07Z\" count=\"1\"/>"
         "</bookmark:applications></metadata></info></bookmark></xbel>\n");

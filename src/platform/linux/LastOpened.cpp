@@ -167,38 +167,45 @@ private:
 } // namespace
 
 std::vector<ApplicationUse> recentApplicationUses(const std::string& file) {
-    std::string text = readWholeFile(file);
-    std::string_view xml(text);
     std::vector<ApplicationUse> uses;
-    constexpr std::string_view opening = "<bookmark:application";
-    for (size_t at = 0; (at = xml.find(opening, at)) != std::string_view::npos;) {
-        size_t end = xml.find('>', at);
-        if (end == std::string_view::npos) {
-            break;
-        }
-        std::string_view tag = xml.substr(at + opening.size(), end - at - opening.size());
-        at = end;
-        std::optional<std::string> name = attribute(tag, "name");
-        std::optional<std::string> exec = attribute(tag, "exec");
-        std::optional<double> when = parseDate(attribute(tag, "modified"));
-        if (std::optional<std::string> stamp = attribute(tag, "timestamp"); stamp && !when) {
-            char* stop = nullptr;
-            double seconds = std::strtod(stamp->c_str(), &stop);
-            if (stop != stamp->c_str() && seconds >= 1) {
-                when = seconds;
+    std::string text = readWholeFile(file);
+    if (text.empty()) {
+        return uses;
+    }
+    BookmarkFile bookmarks;
+    GError* error = nullptr;
+    if (!g_bookmark_file_load_from_data(bookmarks.file, text.data(), text.size(), &error)) {
+        g_clear_error(&error);
+        return uses;
+    }
+    gsize count = 0;
+    Strings uris{g_bookmark_file_get_uris(bookmarks.file, &count)};
+    for (gsize i = 0; i < count; ++i) {
+        const char* uri = uris.list[i];
+        gsize apps = 0;
+        Strings names{g_bookmark_file_get_applications(bookmarks.file, uri, &apps, nullptr)};
+        for (gsize a = 0; a < apps; ++a) {
+            gchar* exec = nullptr;
+            GDateTime* stamp = nullptr;
+            if (!g_bookmark_file_get_application_info(bookmarks.file, uri, names.list[a], &exec,
+                                                      nullptr, &stamp, nullptr)) {
+                continue;
             }
-        }
-        if (!name || !when) {
-            continue;
-        }
-        std::string command = exec.value_or("");
-        auto same = std::find_if(uses.begin(), uses.end(), [&](const ApplicationUse& use) {
-            return use.name == *name && use.exec == command;
-        });
-        if (same == uses.end()) {
-            uses.push_back({*name, command, *when});
-        } else {
-            same->lastUsed = std::max(same->lastUsed, *when);
+            std::string command = exec != nullptr ? exec : "";
+            g_free(exec);
+            std::optional<double> when = secondsOf(stamp);
+            if (!when) {
+                continue;
+            }
+            std::string name = names.list[a];
+            auto same = std::find_if(uses.begin(), uses.end(), [&](const ApplicationUse& use) {
+                return use.name == name && use.exec == command;
+            });
+            if (same == uses.end()) {
+                uses.push_back({name, command, *when});
+            } else {
+                same->lastUsed = std::max(same->lastUsed, *when);
+            }
         }
     }
     return uses;
