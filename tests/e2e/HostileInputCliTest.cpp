@@ -187,7 +187,7 @@ Row brokenSettings(std::string name, std::string contents) {
                 test::makeDirs(home.settingsFolder());
                 test::writeFile(home.settings(), contents);
             },
-            fixed("sweep --leave-out app_logs"),
+            fixed("sweep --leave-out ide_caches"),
             0,
             "Your settings could not be read, so they were kept as",
             Disk::mayChange,
@@ -199,7 +199,7 @@ Row brokenSettings(std::string name, std::string contents) {
                 aside = aside.substr(0, aside.find(' '));
                 EXPECT_EQ(readAll(home.settingsFolder() + "/" + aside), contents)
                     << "kept byte for byte";
-                EXPECT_NE(readAll(home.settings()).find("app_logs"), std::string::npos);
+                EXPECT_NE(readAll(home.settings()).find("ide_caches"), std::string::npos);
             }};
 }
 
@@ -224,7 +224,7 @@ std::vector<Row> unwritableSettings() {
     std::vector<Row> rows;
     for (const auto& [name, prepare] : states) {
         rows.push_back({"unwritable settings, " + name + ", leave-out", prepare,
-                        fixed("sweep --leave-out app_logs"), 1, "Your settings could not be saved",
+                        fixed("sweep --leave-out ide_caches"), 1, "Your settings could not be saved",
                         Disk::unchanged});
         rows.push_back({"unwritable settings, " + name + ", sweep", prepare, fixed("sweep --json"),
                         0, "Your settings could not be saved", Disk::unchanged,
