@@ -224,8 +224,8 @@ std::vector<Row> unwritableSettings() {
     std::vector<Row> rows;
     for (const auto& [name, prepare] : states) {
         rows.push_back({"unwritable settings, " + name + ", leave-out", prepare,
-                        fixed("sweep --leave-out ide_caches"), 1, "Your settings could not be saved",
-                        Disk::unchanged});
+                        fixed("sweep --leave-out ide_caches"), 1,
+                        "Your settings could not be saved", Disk::unchanged});
         rows.push_back({"unwritable settings, " + name + ", sweep", prepare, fixed("sweep --json"),
                         0, "Your settings could not be saved", Disk::unchanged,
                         [](const Home&, const CliRun& run) {

@@ -28,8 +28,8 @@ std::string infoValue(CFBundleRef bundle, CFStringRef key) {
 } // namespace
 
 std::string_view appSourceName(AppSource source) {
-    static constexpr std::string_view names[]{"deb", "flatpak", "snap", "appImage", "local",
-                                              "bundle"};
+    static constexpr std::string_view names[]{"deb",      "flatpak", "snap",
+                                              "appImage", "local",   "bundle"};
     return names[static_cast<size_t>(source)];
 }
 
