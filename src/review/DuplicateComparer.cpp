@@ -684,47 +684,42 @@ DuplicateReport DuplicateComparer::compare() const {
     return report;
 }
 
+namespace {
+
+struct KeepRuleWords {
+    std::string_view name;
+    std::string_view text;
+    std::string_view detail;
+};
+
+// In the order of KeepRule.
+constexpr std::array<KeepRuleWords, 4> keepRuleWords{{
+    {"ownFolders", "in your own folders",
+     "Kept because it is in your own folders and the other copies are not."},
+    {"oldest", "oldest", "Kept because it is the oldest copy."},
+    {"shortestPath", "shortest path",
+     "The copies are equally old, so the one with the shortest path is kept."},
+    {"firstByName", "first by name",
+     "The copies are equally old and their paths equally long, so the one first by name is "
+     "kept."},
+}};
+
+const KeepRuleWords& wordsOf(KeepRule rule) {
+    return keepRuleWords.at(static_cast<size_t>(rule));
+}
+
+} // namespace
+
 std::string_view keepRuleName(KeepRule rule) {
-    switch (rule) {
-    case KeepRule::ownFolders:
-        return "ownFolders";
-    case KeepRule::oldest:
-        return "oldest";
-    case KeepRule::shortestPath:
-        return "shortestPath";
-    case KeepRule::firstByName:
-        return "firstByName";
-    }
-    return "firstByName";
+    return wordsOf(rule).name;
 }
 
 std::string_view keepRuleText(KeepRule rule) {
-    switch (rule) {
-    case KeepRule::ownFolders:
-        return "in your own folders";
-    case KeepRule::oldest:
-        return "oldest";
-    case KeepRule::shortestPath:
-        return "shortest path";
-    case KeepRule::firstByName:
-        return "first by name";
-    }
-    return "first by name";
+    return wordsOf(rule).text;
 }
 
 std::string_view keepRuleDetail(KeepRule rule) {
-    switch (rule) {
-    case KeepRule::ownFolders:
-        return "Kept because it is in your own folders and the other copies are not.";
-    case KeepRule::oldest:
-        return "Kept because it is the oldest copy.";
-    case KeepRule::shortestPath:
-        return "The copies are equally old, so the one with the shortest path is kept.";
-    case KeepRule::firstByName:
-        return "The copies are equally old and their paths equally long, so the one first by "
-               "name is kept.";
-    }
-    return "";
+    return wordsOf(rule).detail;
 }
 
 KeepChoice chooseKeep(const std::vector<DuplicateFile>& files, const std::string& home) {

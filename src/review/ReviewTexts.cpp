@@ -7,43 +7,59 @@
 namespace sd {
 namespace {
 
-// Why, as the second half of "Sparrowdeck keeps this where it is: …".
-std::string reasonSentence(VaultDenyReason reason) {
+// A few words for the row, and the reason as the second half of "Sparrowdeck keeps this where it
+// is: …".
+struct KeptInPlace {
+    std::string note;
+    std::string reason;
+};
+
+const KeptInPlace neverMovedFolder{std::string(duplicateText::protectedCopy),
+                                   "it is in a folder Sparrowdeck never moves things from."};
+
+KeptInPlace keptInPlace(VaultDenyReason reason) {
     switch (reason) {
     case VaultDenyReason::systemPath:
     case VaultDenyReason::protectedUserDir:
-        return "it is in a folder Sparrowdeck never moves things from.";
+        return neverMovedFolder;
     case VaultDenyReason::datalessFile:
     case VaultDenyReason::datalessStateChanged:
     case VaultDenyReason::cloudStorage:
-        return "it lives in the cloud, not only on " + std::string(platform::thisMachineText()) +
-               ".";
+        return {std::string(denyText(reason, DenyTextForm::compact)),
+                "it lives in the cloud, not only on " + std::string(platform::thisMachineText()) +
+                    "."};
     case VaultDenyReason::gitWorkingTree:
-        return "Git tracks it, and Sparrowdeck moves only what Git ignores.";
+        return {std::string(duplicateText::gitCopy),
+                "Git tracks it, and Sparrowdeck moves only what Git ignores."};
     case VaultDenyReason::multiplyLinked:
-        return "it is hard-linked elsewhere, so moving it wouldn’t free the space.";
+        return {"Hard-linked elsewhere: moving it frees nothing",
+                "it is hard-linked elsewhere, so moving it wouldn’t free the space."};
     case VaultDenyReason::protectedDescendant:
-        return "something inside looks like your own files (photos, documents, keys).";
+        return {"Holds what looks like your own files",
+                "something inside looks like your own files (photos, documents, keys)."};
     case VaultDenyReason::photosLibraryInternal:
-        return "it is inside a photo library or a disk image, which is never taken apart.";
+        return {"Inside a photo library or disk image",
+                "it is inside a photo library or a disk image, which is never taken apart."};
     case VaultDenyReason::symlinkInPath:
-        return "its path goes through a symbolic link.";
+        return {"Reached through a symbolic link", "its path goes through a symbolic link."};
     case VaultDenyReason::timeMachine:
-        return "it is part of a backup.";
+        return {"Part of a backup", "it is part of a backup."};
     case VaultDenyReason::nonTrashableVolume:
-        return "its disk has no Trash it can use.";
+        return {"On a disk without a Trash", "its disk has no Trash it can use."};
     case VaultDenyReason::tooShallow:
-        return "it is too near the top of the disk.";
+        return {"Too near the top of the disk", "it is too near the top of the disk."};
     case VaultDenyReason::outsideGrantedScope:
-        return "it is outside the folders Sparrowdeck may change.";
+        return {"Outside the folders Sparrowdeck may change",
+                "it is outside the folders Sparrowdeck may change."};
     case VaultDenyReason::sizeChangedSinceScan:
     case VaultDenyReason::stalePlan:
     case VaultDenyReason::identityChanged:
-        return "it changed since the search. Search again to see it as it is now.";
+        return {"Changed since the search",
+                "it changed since the search. Search again to see it as it is now."};
     case VaultDenyReason::unreadable:
-        return "it couldn’t be read.";
+        return {"Couldn’t be read", "it couldn’t be read."};
     }
-    return "it is in a folder Sparrowdeck never moves things from.";
+    return neverMovedFolder;
 }
 
 } // namespace
@@ -54,44 +70,11 @@ bool inFolderNeverMoved(VaultDenyReason reason) {
 }
 
 std::string keptInPlaceNote(VaultDenyReason reason) {
-    switch (reason) {
-    case VaultDenyReason::systemPath:
-    case VaultDenyReason::protectedUserDir:
-        return std::string(duplicateText::protectedCopy);
-    case VaultDenyReason::gitWorkingTree:
-        return std::string(duplicateText::gitCopy);
-    case VaultDenyReason::datalessFile:
-    case VaultDenyReason::datalessStateChanged:
-    case VaultDenyReason::cloudStorage:
-        return std::string(denyText(reason, DenyTextForm::compact));
-    case VaultDenyReason::multiplyLinked:
-        return "Hard-linked elsewhere: moving it frees nothing";
-    case VaultDenyReason::protectedDescendant:
-        return "Holds what looks like your own files";
-    case VaultDenyReason::photosLibraryInternal:
-        return "Inside a photo library or disk image";
-    case VaultDenyReason::symlinkInPath:
-        return "Reached through a symbolic link";
-    case VaultDenyReason::timeMachine:
-        return "Part of a backup";
-    case VaultDenyReason::nonTrashableVolume:
-        return "On a disk without a Trash";
-    case VaultDenyReason::tooShallow:
-        return "Too near the top of the disk";
-    case VaultDenyReason::outsideGrantedScope:
-        return "Outside the folders Sparrowdeck may change";
-    case VaultDenyReason::sizeChangedSinceScan:
-    case VaultDenyReason::stalePlan:
-    case VaultDenyReason::identityChanged:
-        return "Changed since the search";
-    case VaultDenyReason::unreadable:
-        return "Couldn’t be read";
-    }
-    return std::string(duplicateText::protectedCopy);
+    return keptInPlace(reason).note;
 }
 
 std::string keptInPlaceDetail(VaultDenyReason reason) {
-    return "Sparrowdeck keeps this where it is: " + reasonSentence(reason) + " Open it in " +
+    return "Sparrowdeck keeps this where it is: " + keptInPlace(reason).reason + " Open it in " +
            std::string(platform::fileManagerName()) + " to decide.";
 }
 
