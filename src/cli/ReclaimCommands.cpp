@@ -142,7 +142,9 @@ void runTrash(const TrashOptions& options, int& exitStatus) {
         if (!declined) {
             OperationProgress moving;
             runWithProgress(
-                [&](const std::stop_token& stop) { outcome = vault.move(plan, ticked, stop, &moving); },
+                [&](const std::stop_token& stop) {
+                    outcome = vault.move(plan, ticked, stop, &moving);
+                },
                 [&] {
                     OperationProgress::Reading now = moving.read();
                     return "Moving to the Trash… " + formatCount(now.done) + " of " +
@@ -324,7 +326,9 @@ void addPutBackCommand(CLI::App& app, int& exitStatus) {
         TrashRestoreResult result;
         try {
             runWithProgress(
-                [&](const std::stop_token& stop) { result = journal.putBack(id, options->group, stop); },
+                [&](const std::stop_token& stop) {
+                    result = journal.putBack(id, options->group, stop);
+                },
                 [waiting] { return putBackProgressText(waiting); });
         } catch (const CleanerError& error) {
             std::fprintf(stderr, "%s Nothing was put back.\n", error.what());

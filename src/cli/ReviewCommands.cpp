@@ -109,7 +109,7 @@ json duplicateJson(const DuplicateReport& report, const VaultPolicy& policy) {
 
 void printDuplicates(const DuplicateReport& report, const VaultPolicy& policy, bool wholeHome) {
     std::printf("%s\n%s\n", std::string(duplicateText::description).c_str(),
-                wholeHome ? std::string(duplicateText::scope).c_str()
+                wholeHome ? std::string(platform::duplicatesScopeText()).c_str()
                           : ("Looked in " + report.scope.root + ".").c_str());
     const StayVerdict verdictOf = policyVerdict(policy);
     std::uint64_t givesBack = 0;

@@ -5,6 +5,7 @@
 #include "core/MockRoots.h"
 #include "platform/Home.h"
 #include "platform/ScopeTables.h"
+#include "platform/UserDirs.h"
 
 #include <algorithm>
 #include <climits>
@@ -310,6 +311,17 @@ std::vector<std::string_view> scope::allProtectedLocations() {
     std::vector<std::string_view> rows(protectedLocations.begin(), protectedLocations.end());
     auto extra = platform::extraProtectedLocations();
     rows.insert(rows.end(), extra.begin(), extra.end());
+    const std::vector<std::string>& recorded = platform::userDirectories();
+    rows.insert(rows.end(), recorded.begin(), recorded.end());
+    return rows;
+}
+
+std::vector<std::string_view> scope::ownFolders() {
+    std::vector<std::string_view> rows(sharedOwnFolders.begin(), sharedOwnFolders.end());
+    auto extra = platform::extraOwnFolders();
+    rows.insert(rows.end(), extra.begin(), extra.end());
+    const std::vector<std::string>& recorded = platform::userDirectories();
+    rows.insert(rows.end(), recorded.begin(), recorded.end());
     return rows;
 }
 

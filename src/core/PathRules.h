@@ -90,6 +90,10 @@ inline constexpr std::array<std::string_view, 24> protectedLocations{
     "Library/Containers/com.docker.docker",
 };
 
+inline constexpr std::array<std::string_view, 5> sharedOwnFolders{
+    "Documents", "Desktop", "Pictures", "Movies", "Music",
+};
+
 inline constexpr std::array<std::string_view, 8> sensitiveNames{
     "keychain", "backup", ".ssh", ".gnupg", "credentials", "secrets", "tokens", ".env",
 };
@@ -139,8 +143,14 @@ inline constexpr std::array<std::string_view, 3> telegramCacheFolders{
     "logs",
 };
 
-// The shared rows followed by the platform's own, as the rules apply them.
+// The shared rows followed by the platform's own and then the desktop's record of the user's own
+// folders (localized names included), as the rules apply them.
 std::vector<std::string_view> allProtectedLocations();
+
+// The folders where a person keeps their own work, relative to the home: the shared ones
+// (Documents, Desktop, Pictures, Movies, Music), the platform's, and the desktop's record of the
+// user's own folders. A copy there is the one a person expects to keep.
+std::vector<std::string_view> ownFolders();
 std::vector<std::string_view> allAppDataLocations();
 
 } // namespace scope

@@ -411,8 +411,8 @@ std::vector<RecycleAnswer> recycleToTrash(const std::vector<RecycleRequest>& req
             } else if (moved.nonTrashable) {
                 answer.error = stayedNote(request.path, VaultDenyReason::nonTrashableVolume);
             } else {
-                answer.error = request.path + ": the Trash refused it (" +
-                               errorText(moved.error) + ") — left in place.";
+                answer.error = request.path + ": the Trash refused it (" + errorText(moved.error) +
+                               ") — left in place.";
             }
         } catch (const CleanerError& error) {
             answer.error = request.path + ": " + error.what() + " — left in place.";

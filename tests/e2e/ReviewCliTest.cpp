@@ -2,6 +2,7 @@
 // pointed at a fixture home.
 #include "Fixture.h"
 #include "core/ByteFormat.h"
+#include "platform/Words.h"
 
 #include <gtest/gtest.h>
 #include <map>
@@ -74,8 +75,7 @@ TEST(DuplicatesCommand, ReportsGroupsAsJsonAndForPeople) {
     CliRun human = sparrowdeck(home, "duplicates");
     ASSERT_EQ(human.status, 0);
     for (const std::string& line : std::vector<std::string>{
-             "Looked in your home folder, except Library, the Trash, cloud folders and tool "
-             "caches.",
+             std::string(platform::duplicatesScopeText()),
              "  keep " + home + "/Documents/copy.bin  — The last copy in a group always stays",
              "       " + home +
                  "/stuff/copy-link.bin  — Shares its space with another name, so "
