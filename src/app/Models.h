@@ -59,6 +59,8 @@ public:
 
 signals:
     void selectionChanged();
+    // The person ticked or unticked a tile themselves.
+    void chosenChanged();
 
 private:
     const SweepTile* measured(SweepTileKind kind) const;
@@ -73,7 +75,7 @@ class CatalogModel : public QAbstractItemModel {
     Q_OBJECT
 
 public:
-    enum Column { nameColumn, sizeColumn, noteColumn, columnCount_ };
+    enum Column { nameColumn, sizeColumn, noteColumn, columnTotal };
 
     CatalogModel(CatalogState& state, QObject* parent = nullptr);
 
@@ -146,7 +148,7 @@ class ActivityModel : public QAbstractItemModel {
 
 public:
     // An entry's row names its kind in the kind column; an item's row the group it came from.
-    enum Column { whatColumn, kindColumn, whenColumn, sizeColumn, statusColumn, columnCount_ };
+    enum Column { whatColumn, kindColumn, whenColumn, sizeColumn, statusColumn, columnTotal };
 
     ActivityModel(const ReclaimJournal& journal, const std::vector<Target>& catalog,
                   QObject* parent = nullptr);

@@ -2,7 +2,10 @@
 
 #ifdef SPARROWDECK_TEST_HOOKS
 
+#include <csignal>
+#include <cstdlib>
 #include <mutex>
+#include <string_view>
 
 namespace sd::testhooks {
 namespace {
@@ -10,6 +13,7 @@ std::mutex lock;
 std::function<void(const std::string&)> beforeOpen;
 std::function<void()> hashed;
 std::function<void()> scanResult;
+std::function<void()> journalRecord;
 
 void run(const std::function<void()>& slot) {
     std::function<void()> hook;
@@ -55,6 +59,22 @@ void setBeforeScanResult(std::function<void()> hook) {
 
 void beforeScanResult() {
     run(scanResult);
+}
+
+void setBeforeJournalRecord(std::function<void()> hook) {
+    std::lock_guard guard(lock);
+    journalRecord = std::move(hook);
+}
+
+void beforeJournalRecord() {
+    run(journalRecord);
+}
+
+void installFromEnvironment() {
+    const char* hook = std::getenv("SPARROWDECK_TEST_HOOK");
+    if (hook != nullptr && std::string_view(hook) == "killBeforeJournalRecord") {
+        setBeforeJournalRecord([] { std::raise(SIGKILL); });
+    }
 }
 
 } // namespace sd::testhooks

@@ -20,6 +20,13 @@ void afterHashing();
 // superseded it, where a test starts that newer scan.
 void setBeforeScanResult(std::function<void()> hook);
 void beforeScanResult();
+// After things moved to the Trash, before the journal's last write records where they went,
+// where a test ends the process to prove the write-ahead record is enough to put them back.
+void setBeforeJournalRecord(std::function<void()> hook);
+void beforeJournalRecord();
+// Lets a test reach the hooks of a separate process (the command line): SPARROWDECK_TEST_HOOK
+// "killBeforeJournalRecord" ends the process with SIGKILL at that point.
+void installFromEnvironment();
 #else
 inline constexpr bool enabled = false;
 inline void beforeOpenDirectory(const std::string&) {}
@@ -27,6 +34,9 @@ inline void setAfterHashing(std::function<void()>) {}
 inline void afterHashing() {}
 inline void setBeforeScanResult(std::function<void()>) {}
 inline void beforeScanResult() {}
+inline void setBeforeJournalRecord(std::function<void()>) {}
+inline void beforeJournalRecord() {}
+inline void installFromEnvironment() {}
 #endif
 
 } // namespace sd::testhooks

@@ -1,6 +1,7 @@
 #include "cli/ReviewCommands.h"
 
 #include "base/CleanerError.h"
+#include "cli/Arguments.h"
 #include "cli/Terminal.h"
 #include "core/ByteFormat.h"
 #include "core/PathRules.h"
@@ -218,8 +219,10 @@ void addDuplicatesCommand(CLI::App& app, int& exitStatus) {
     auto options = std::make_shared<Options>();
     CLI::App* command = app.add_subcommand(
         "duplicates", "Find files of 1 MB or more that exist more than once, byte for byte");
-    command->add_option("folder", options->folder,
-                        "An absolute folder inside your home folder (default: the home folder)");
+    command
+        ->add_option("folder", options->folder,
+                     "An absolute folder inside your home folder (default: the home folder)")
+        ->check(nonEmptyPath());
     command->add_flag("--json", options->json, "Write the report as JSON");
     command->callback([options, &exitStatus] {
         const std::string& home = homeDirectory();

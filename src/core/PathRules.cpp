@@ -3,6 +3,7 @@
 #include "base/CleanerError.h"
 #include "core/CoreFileSystem.h"
 #include "core/MockRoots.h"
+#include "platform/Dirs.h"
 #include "platform/Home.h"
 #include "platform/ScopeTables.h"
 #include "platform/UserDirs.h"
@@ -119,6 +120,10 @@ const ScopeTables& tables() {
             std::string full = foldPath(base + "/" + std::string(row));
             t.protectedRows.emplace_back(full, full + "/");
         }
+        for (const std::string& own : ownRecordLocations()) {
+            std::string full = foldPath(own);
+            t.protectedRows.emplace_back(full, full + "/");
+        }
         for (std::string_view row : scope::allAppDataLocations()) {
             t.appDataRowsFolded.push_back(foldPath(base + "/" + std::string(row)));
         }
@@ -208,6 +213,10 @@ bool isInside(std::string_view path, std::string_view root) noexcept {
         return false;
     }
     return path.size() == root.size() || path[root.size()] == '/';
+}
+
+std::vector<std::string> ownRecordLocations() {
+    return {platform::supportDirectory(), platform::configHome() + "/sparrowdeck"};
 }
 
 bool isProtected(std::string_view path) {

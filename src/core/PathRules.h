@@ -24,7 +24,12 @@ std::string normalizePath(std::string_view path);
 // True when `path` is `root` or lies below it, component by component.
 bool isInside(std::string_view path, std::string_view root) noexcept;
 
-// True when the folded path is, or lies inside, one of the protected user locations.
+// Sparrowdeck's own records as absolute paths: the support folder that holds the journal and
+// the folder that holds the settings. Moving either would silently start them anew.
+std::vector<std::string> ownRecordLocations();
+
+// True when the folded path is, or lies inside, one of the protected user locations or
+// Sparrowdeck's own records.
 bool isProtected(std::string_view path);
 
 // The path a mover may act on, or a thrown CleanerError naming the first rule it breaks:
