@@ -855,7 +855,7 @@ QVariant ActivityModel::headerData(int section, Qt::Orientation orientation, int
     }
     static const char* const titles[] = {"What", "Kind", "When", "Size", "Where it is"};
     return section >= 0 && section < columnTotal ? QString::fromLatin1(titles[section])
-                                                  : QVariant();
+                                                 : QVariant();
 }
 
 // ---------------------------------------------------------------------------------------------
