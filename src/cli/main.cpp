@@ -1,5 +1,6 @@
 #include "base/CleanerError.h"
 #include "base/TestHooks.h"
+#include "cli/AppsCommand.h"
 #include "cli/AssistantCommand.h"
 #include "cli/MeasureCommand.h"
 #include "cli/ReclaimCommands.h"
@@ -51,6 +52,8 @@ int run(int argc, char** argv) {
     sd::cli::addLargeOldCommand(app, exitStatus);
     sd::cli::addSpaceCommand(app, exitStatus);
     sd::cli::addSnapshotsCommand(app, exitStatus);
+    sd::cli::addAppsCommand(app, exitStatus);
+    sd::cli::addUninstallCommand(app, exitStatus);
     sd::cli::addAssistantCommand(app, exitStatus);
     try {
         app.parse(argc, argv);
