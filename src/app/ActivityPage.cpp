@@ -2,12 +2,35 @@
 
 #include "base/PathText.h"
 
+#include <QComboBox>
 #include <QHBoxLayout>
 #include <QHeaderView>
 #include <QItemSelectionModel>
+#include <QLabel>
+#include <QSignalBlocker>
 #include <QVBoxLayout>
+#include <algorithm>
 
 namespace sd::app {
+
+namespace {
+
+// A path keeps its end, where the file's own name is, when the column is too narrow for all of
+// it: "…/Pictures/2019/beach.jpg". Entry titles keep their start as usual.
+class PathEndDelegate : public RoomyDelegate {
+public:
+    using RoomyDelegate::RoomyDelegate;
+
+protected:
+    void initStyleOption(QStyleOptionViewItem* option, const QModelIndex& index) const override {
+        RoomyDelegate::initStyleOption(option, index);
+        if (index.parent().isValid() && index.column() == ActivityModel::whatColumn) {
+            option->textElideMode = Qt::ElideLeft;
+        }
+    }
+};
+
+} // namespace
 
 ActivityPage::ActivityPage(JournalStore& journal, const std::vector<Target>& catalog,
                            QWidget* parent)
@@ -21,18 +44,28 @@ ActivityPage::ActivityPage(JournalStore& journal, const std::vector<Target>& cat
     journalWarning_ = new Banner;
     layout->addWidget(journalWarning_);
 
+    auto* filterBar = new QHBoxLayout;
+    auto* showLabel = new QLabel(QStringLiteral("Show"));
+    kindFilter_ = new QComboBox;
+    kindFilter_->setMinimumWidth(170);
+    showLabel->setBuddy(kindFilter_);
+    filterBar->addWidget(showLabel);
+    filterBar->addWidget(kindFilter_);
+    filterBar->addStretch(1);
+    layout->addLayout(filterBar);
+
     tree_ = new QTreeView;
     tree_->setModel(model_);
     tree_->setAlternatingRowColors(true);
     tree_->setUniformRowHeights(true);
     tree_->header()->setStretchLastSection(false);
     tree_->header()->setSectionResizeMode(ActivityModel::whatColumn, QHeaderView::Stretch);
-    tree_->setColumnWidth(ActivityModel::groupColumn, 200);
+    tree_->setColumnWidth(ActivityModel::kindColumn, 210);
     tree_->setColumnWidth(ActivityModel::whenColumn, 150);
     tree_->setColumnWidth(ActivityModel::sizeColumn, 90);
     tree_->setColumnWidth(ActivityModel::statusColumn, 190);
-    tree_->setTextElideMode(Qt::ElideMiddle);
-    tree_->setItemDelegate(new RoomyDelegate(28, tree_));
+    tree_->setTextElideMode(Qt::ElideRight);
+    tree_->setItemDelegate(new PathEndDelegate(28, tree_));
     layout->addWidget(tree_, 1);
     empty_ = paragraph(QStringLiteral("Nothing has been moved to the Trash yet. What a Sweep, a "
                                       "cleanup or a review moves will be listed here."),
@@ -58,31 +91,18 @@ ActivityPage::ActivityPage(JournalStore& journal, const std::vector<Target>& cat
     bar->addWidget(putBackEntry_);
     layout->addLayout(bar);
 
-    auto reset = [this] {
-        model_->endChange();
-        bool any = model_->rowCount() > 0;
-        tree_->setVisible(any);
-        empty_->setVisible(!any);
-        if (any) {
-            // The newest entry is the one most often put back: it starts open and chosen.
-            tree_->expand(model_->index(0, 0));
-            tree_->setCurrentIndex(model_->index(0, 0));
-        }
-        QStringList lines;
-        for (const std::string& w : journal_.warnings()) {
-            lines << QString::fromStdString(w);
-        }
-        if (lines.isEmpty()) {
-            journalWarning_->hide();
-        } else {
-            journalWarning_->show(QStringLiteral("The activity journal needed attention."),
-                                  Banner::Tone::warning, lines.join('\n'));
-        }
-        onSelection();
-    };
+    connect(kindFilter_, &QComboBox::activated, this, [this](int row) {
+        QVariant kind = kindFilter_->itemData(row);
+        model_->setKindFilter(
+            kind.isValid() ? std::optional(static_cast<ActivityKind>(kind.toInt())) : std::nullopt);
+        showEntries();
+    });
     pressOnReturn(this, [this] { return putBackEntry_; });
     connect(&journal_, &JournalStore::aboutToChange, this, [this] { model_->beginChange(); });
-    connect(&journal_, &JournalStore::changed, this, reset);
+    connect(&journal_, &JournalStore::changed, this, [this] {
+        model_->endChange();
+        showEntries();
+    });
     connect(tree_->selectionModel(), &QItemSelectionModel::currentChanged, this,
             &ActivityPage::onSelection);
     connect(putBackEntry_, &QPushButton::clicked, this, [this] { putBack(false); });
@@ -106,7 +126,50 @@ ActivityPage::ActivityPage(JournalStore& journal, const std::vector<Target>& cat
         progress_->setRunning(running);
         onSelection();
     });
-    reset();
+    showEntries();
+}
+
+void ActivityPage::showEntries() {
+    updateKindFilter();
+    bool any = model_->rowCount() > 0;
+    tree_->setVisible(any);
+    empty_->setVisible(!any);
+    if (any) {
+        // The newest entry is the one most often put back: it starts open and chosen.
+        tree_->expand(model_->index(0, 0));
+        tree_->setCurrentIndex(model_->index(0, 0));
+    }
+    QStringList lines;
+    for (const std::string& w : journal_.warnings()) {
+        lines << QString::fromStdString(w);
+    }
+    if (lines.isEmpty()) {
+        journalWarning_->hide();
+    } else {
+        journalWarning_->show(QStringLiteral("The activity journal needed attention."),
+                              Banner::Tone::warning, lines.join('\n'));
+    }
+    onSelection();
+}
+
+void ActivityPage::updateKindFilter() {
+    // Only kinds the journal holds are offered; a kind that left it shows everything again.
+    std::vector<ActivityKind> kinds = model_->kindsPresent();
+    std::optional<ActivityKind> chosen = model_->kindFilter();
+    if (chosen && std::find(kinds.begin(), kinds.end(), *chosen) == kinds.end()) {
+        model_->setKindFilter(std::nullopt);
+        chosen.reset();
+    }
+    QSignalBlocker quiet(kindFilter_);
+    kindFilter_->clear();
+    kindFilter_->addItem(QStringLiteral("All kinds"));
+    for (ActivityKind kind : kinds) {
+        kindFilter_->addItem(buttonText(activityKindText(kind)), static_cast<int>(kind));
+        if (chosen == kind) {
+            kindFilter_->setCurrentIndex(kindFilter_->count() - 1);
+        }
+    }
+    kindFilter_->setEnabled(kinds.size() > 1 || chosen.has_value());
 }
 
 void ActivityPage::onSelection() {

@@ -4,6 +4,7 @@
 #include "app/Widgets.h"
 #include "app/Workers.h"
 
+#include <QComboBox>
 #include <QPushButton>
 #include <QTreeView>
 #include <QWidget>
@@ -23,6 +24,7 @@ public:
     PutBackRunner& runner() noexcept { return *runner_; }
     QPushButton* putBackEntryButton() const noexcept { return putBackEntry_; }
     QPushButton* putBackGroupButton() const noexcept { return putBackGroup_; }
+    QComboBox* kindFilter() const noexcept { return kindFilter_; }
     QPushButton* putBackItemButton() const noexcept { return putBackItem_; }
     const Banner* banner() const noexcept { return banner_; }
 
@@ -32,11 +34,15 @@ public:
 
 private:
     void onSelection();
+    void updateKindFilter();
+    // Lays the list out again after the journal or the filter changed.
+    void showEntries();
     void onPutBack(const TrashRestoreResult& result);
 
     JournalStore& journal_;
     ActivityModel* model_;
     PutBackRunner* runner_;
+    QComboBox* kindFilter_;
     QTreeView* tree_;
     QLabel* empty_;
     QPushButton* putBackEntry_;

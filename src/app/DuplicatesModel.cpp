@@ -1,6 +1,8 @@
 #include "app/DuplicatesModel.h"
 
 #include "app/Models.h"
+#include "base/Saturating.h"
+#include "review/ReviewTexts.h"
 
 #include <QFont>
 
@@ -75,9 +77,78 @@ bool DuplicatesModel::tickable(const DuplicateGroup& group, const DuplicateFile&
 std::uint64_t DuplicatesModel::givesBack(const DuplicateGroup& group) const {
     std::uint64_t bytes = 0;
     for (const DuplicateFile& file : group.files) {
-        bytes += tickable(group, file) ? file.physicalBytes : 0;
+        bytes = saturatingAdd(bytes, tickable(group, file) ? file.physicalBytes : 0);
     }
     return bytes;
+}
+
+StayVerdict DuplicatesModel::verdicts() const {
+    return [this](const std::string& path) -> std::optional<VaultDenyReason> {
+        auto found = state_.denied.find(path);
+        return found == state_.denied.end() ? std::nullopt : std::optional(found->second);
+    };
+}
+
+std::uint64_t DuplicatesModel::toReview(const DuplicateGroup& group) const {
+    return bytesToReview(group, verdicts());
+}
+
+bool DuplicatesModel::everyCopyStays(const DuplicateGroup& group) const {
+    return sd::everyCopyStays(group, verdicts());
+}
+
+QVariant DuplicatesModel::groupData(const QModelIndex& index, const DuplicateGroup& group,
+                                    int role) const {
+    const bool stays = everyCopyStays(group);
+    const bool note = index.column() == noteColumn;
+    std::uint64_t reclaimable = givesBack(group);
+    switch (role) {
+    case Qt::DisplayRole:
+        switch (index.column()) {
+        case nameColumn:
+            return QStringLiteral("%1 — %2 copies")
+                .arg(nameOf(group.suggestedKeep))
+                .arg(group.files.size());
+        case sizeColumn:
+            return bytesText(group.size) + QStringLiteral(" each");
+        case noteColumn:
+            if (stays) {
+                return toQ(duplicateText::everyCopyStays);
+            }
+            return reclaimable == 0 ? QStringLiteral("Nothing to give back")
+                                    : QStringLiteral("%1 to give back").arg(bytesText(reclaimable));
+        default:
+            return {};
+        }
+    case Qt::FontRole: {
+        QFont bold;
+        bold.setWeight(QFont::DemiBold);
+        return bold;
+    }
+    case Qt::ForegroundRole:
+        return note && stays ? QVariant(deniedInk) : QVariant();
+    case Qt::DecorationRole:
+        return note && stays ? QVariant(noteIcon()) : QVariant();
+    case Qt::ToolTipRole:
+    case noteRole:
+        return stays ? QString::fromStdString(everyCopyStaysDetail()) : QVariant();
+    case revealRole: {
+        if (!stays) {
+            return {};
+        }
+        QStringList paths;
+        for (const DuplicateFile& file : group.files) {
+            paths << QString::fromStdString(file.path);
+        }
+        return paths;
+    }
+    case bytesRole:
+        return QVariant::fromValue<quint64>(reclaimable);
+    case Qt::TextAlignmentRole:
+        return columnAlignment(index.column() == sizeColumn);
+    default:
+        return {};
+    }
 }
 
 QVariant DuplicatesModel::data(const QModelIndex& index, int role) const {
@@ -87,40 +158,15 @@ QVariant DuplicatesModel::data(const QModelIndex& index, int role) const {
     }
     const DuplicateFile* file = fileAt(index);
     if (file == nullptr) {
-        std::uint64_t reclaimable = givesBack(*group);
-        switch (role) {
-        case Qt::DisplayRole:
-            switch (index.column()) {
-            case nameColumn:
-                return QStringLiteral("%1 — %2 copies")
-                    .arg(nameOf(group->suggestedKeep))
-                    .arg(group->files.size());
-            case sizeColumn:
-                return bytesText(group->size) + QStringLiteral(" each");
-            case noteColumn:
-                return reclaimable == 0
-                           ? QStringLiteral("Nothing to give back")
-                           : QStringLiteral("%1 to give back").arg(bytesText(reclaimable));
-            default:
-                return {};
-            }
-        case Qt::FontRole: {
-            QFont bold;
-            bold.setWeight(QFont::DemiBold);
-            return bold;
-        }
-        case bytesRole:
-            return QVariant::fromValue<quint64>(reclaimable);
-        case Qt::TextAlignmentRole:
-            return columnAlignment(index.column() == sizeColumn);
-        default:
-            return {};
-        }
+        return groupData(index, *group, role);
     }
-    bool keep = isKeep(*group, *file);
+    const bool keep = isKeep(*group, *file);
     auto denied = state_.denied.find(file->path);
-    bool isDenied = denied != state_.denied.end() && !keep;
-    bool moved = state_.moved.count(file->path) != 0;
+    const bool isDenied = denied != state_.denied.end() && !keep;
+    const bool moved = state_.moved.count(file->path) != 0;
+    // In a group whose every copy stays, the group row says why once; its rows stay quiet.
+    const bool saidByGroup = isDenied && everyCopyStays(*group);
+    const bool note = index.column() == noteColumn;
     switch (role) {
     case Qt::DisplayRole:
         switch (index.column()) {
@@ -130,15 +176,21 @@ QVariant DuplicatesModel::data(const QModelIndex& index, int role) const {
             return folderOf(file->path);
         case sizeColumn:
             return bytesText(file->physicalBytes);
-        case noteColumn: {
+        case noteColumn:
             if (moved) {
                 return QStringLiteral("In the Trash");
             }
+            if (keep) {
+                return QStringLiteral("Kept: %1 · %2")
+                    .arg(toQ(keepRuleText(group->keepRule)), toQ(duplicateText::keptCopy));
+            }
+            if (saidByGroup) {
+                return {};
+            }
             if (isDenied) {
-                return toQ(denyText(denied->second, DenyTextForm::compact));
+                return QString::fromStdString(keptInPlaceNote(denied->second));
             }
             return QString::fromStdString(duplicateFileNote(*group, *file, *policy_));
-        }
         default:
             return {};
         }
@@ -151,7 +203,7 @@ QVariant DuplicatesModel::data(const QModelIndex& index, int role) const {
         if (keep) {
             return keepInk;
         }
-        return index.column() == noteColumn && isDenied ? QVariant(deniedInk) : QVariant();
+        return note && isDenied ? QVariant(deniedInk) : QVariant();
     case Qt::FontRole:
         if (keep && index.column() == nameColumn) {
             QFont bold;
@@ -161,21 +213,21 @@ QVariant DuplicatesModel::data(const QModelIndex& index, int role) const {
         return {};
     case Qt::ToolTipRole:
         if (keep) {
-            return toQ(duplicateText::keepLabel);
+            return QStringLiteral("%1 %2.").arg(toQ(keepRuleDetail(group->keepRule)),
+                                                toQ(duplicateText::keptCopy));
         }
         if (isDenied) {
-            return toQ(denyText(denied->second));
+            return QString::fromStdString(keptInPlaceDetail(denied->second));
         }
-        if (index.column() == noteColumn && !moved) {
-            QString note = QString::fromStdString(duplicateFileNote(*group, *file, *policy_));
-            if (!note.isEmpty()) {
-                return note;
+        if (note && !moved) {
+            QString text = QString::fromStdString(duplicateFileNote(*group, *file, *policy_));
+            if (!text.isEmpty()) {
+                return text;
             }
         }
         return QString::fromStdString(file->path);
     case Qt::DecorationRole:
-        return index.column() == noteColumn && isDenied && !moved ? QVariant(noteIcon())
-                                                                  : QVariant();
+        return note && isDenied && !saidByGroup && !moved ? QVariant(noteIcon()) : QVariant();
     case Qt::TextAlignmentRole:
         return columnAlignment(index.column() == sizeColumn);
     case pathRole:
@@ -185,7 +237,11 @@ QVariant DuplicatesModel::data(const QModelIndex& index, int role) const {
     case deniedRole:
         return isDenied;
     case noteRole:
-        return isDenied ? toQ(denyText(denied->second)) : QVariant();
+        return isDenied ? QString::fromStdString(keptInPlaceDetail(denied->second)) : QVariant();
+    case revealRole:
+        return isDenied && !saidByGroup && !moved
+                   ? QVariant(QStringList{QString::fromStdString(file->path)})
+                   : QVariant();
     default:
         return {};
     }

@@ -36,6 +36,11 @@ public:
     // What moving the group's copies could give back: those that can be ticked, so neither the
     // copy to keep, nor shared copies, nor what the vault keeps in place.
     std::uint64_t givesBack(const DuplicateGroup& group) const;
+    // What the group's extra copies hold in folders Sparrowdeck never moves from, for the person
+    // to review by hand.
+    std::uint64_t toReview(const DuplicateGroup& group) const;
+    // Every copy of the group stays where it is: the group says so once, not each row.
+    bool everyCopyStays(const DuplicateGroup& group) const;
     static bool isKeep(const DuplicateGroup& group, const DuplicateFile& file) {
         return file.path == group.suggestedKeep;
     }
@@ -44,6 +49,8 @@ signals:
     void tickedChanged();
 
 private:
+    StayVerdict verdicts() const;
+    QVariant groupData(const QModelIndex& index, const DuplicateGroup& group, int role) const;
     bool tickable(const DuplicateGroup& group, const DuplicateFile& file) const;
 
     ReviewState<DuplicateReport>& state_;

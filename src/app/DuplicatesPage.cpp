@@ -17,7 +17,7 @@ DuplicatesPage::DuplicatesPage(JournalStore& journal, QWidget* parent)
     choose_ = new QPushButton(QStringLiteral("Choose Folder…"));
     topBar()->insertWidget(1, choose_, 0, Qt::AlignTop);
     attachModel(model_,
-                {{240, 180, 110}, DuplicatesModel::noteColumn, DuplicatesModel::actionColumn});
+                {{220, 170, 100}, DuplicatesModel::noteColumn, DuplicatesModel::actionColumn});
     connect(model_, &DuplicatesModel::tickedChanged, this, &DuplicatesPage::updateControls);
     connect(&runner(), &ReviewRunner::duplicatesFound, this, &DuplicatesPage::onFound);
     connect(choose_, &QPushButton::clicked, this, [this] {
@@ -52,21 +52,25 @@ void DuplicatesPage::onFound(const DuplicatesFound& found) {
         state_.denied = found.denied;
     });
     const DuplicateReport& report = *state_.report;
-    std::uint64_t total = 0;
-    for (const DuplicateGroup& group : report.groups) {
-        total += model_->givesBack(group);
-    }
-    showFound(report.groups.empty()
-                  ? QString()
-                  : QStringLiteral("%1 %2 · %3 could be given back. Nothing is selected: the "
-                                   "copy marked Keep (%4) always stays.")
-                        .arg(report.groups.size())
-                        .arg(report.groups.size() == 1 ? QStringLiteral("group")
-                                                       : QStringLiteral("groups"))
-                        .arg(bytesText(total), toQ(duplicateText::keepLabel)),
-              duplicateReportNotes(report),
+    showFound(duplicateReportNotes(report),
               toQ(duplicateText::noGroups) + "\n" + toQ(duplicateText::noGroupsDetail),
               !report.groups.empty());
+}
+
+QString DuplicatesPage::summaryLine() const {
+    if (!state_.report || state_.report->groups.empty()) {
+        return {};
+    }
+    std::uint64_t givesBack = 0;
+    std::uint64_t toReview = 0;
+    for (const DuplicateGroup& group : state_.report->groups) {
+        givesBack += model_->givesBack(group);
+        toReview += model_->toReview(group);
+    }
+    return QStringLiteral("%1. Nothing is selected: the copy marked Keep (%2) always stays.")
+        .arg(QString::fromStdString(
+                 duplicateTotalsText(state_.report->groups.size(), givesBack, toReview)),
+             toQ(duplicateText::keepLabel));
 }
 
 std::vector<ReviewedItem> DuplicatesPage::tickedItems(std::vector<std::string>& refused) const {

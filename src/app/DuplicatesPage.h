@@ -20,6 +20,7 @@ public:
 protected:
     void startSearch() override;
     bool hasReport() const override { return state_.report.has_value(); }
+    QString summaryLine() const override;
     size_t tickedCount() const override { return state_.ticked.size(); }
     std::vector<ReviewedItem> tickedItems(std::vector<std::string>& refused) const override;
     void resetModel(const std::function<void()>& change) override;

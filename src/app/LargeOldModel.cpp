@@ -1,6 +1,7 @@
 #include "app/LargeOldModel.h"
 
 #include "app/Models.h"
+#include "review/ReviewTexts.h"
 
 namespace sd::app {
 
@@ -67,7 +68,7 @@ QVariant LargeOldModel::data(const QModelIndex& index, int role) const {
             if (moved) {
                 return QStringLiteral("In the Trash");
             }
-            return isDenied ? toQ(denyText(denied->second, DenyTextForm::compact))
+            return isDenied ? QString::fromStdString(keptInPlaceNote(denied->second))
                             : kindText(item->kind);
         default:
             return {};
@@ -88,7 +89,7 @@ QVariant LargeOldModel::data(const QModelIndex& index, int role) const {
         return {};
     case Qt::ToolTipRole:
         if (index.column() == noteColumn && isDenied) {
-            return toQ(denyText(denied->second));
+            return QString::fromStdString(keptInPlaceDetail(denied->second));
         }
         if (index.column() == openedColumn && item->evidence.kind == EvidenceKind::fileTimesOnly) {
             return QStringLiteral("From the file's own dates: nothing recorded when it was "
@@ -104,7 +105,10 @@ QVariant LargeOldModel::data(const QModelIndex& index, int role) const {
     case deniedRole:
         return isDenied;
     case noteRole:
-        return isDenied ? toQ(denyText(denied->second)) : QVariant();
+        return isDenied ? QString::fromStdString(keptInPlaceDetail(denied->second)) : QVariant();
+    case revealRole:
+        return isDenied && !moved ? QVariant(QStringList{QString::fromStdString(item->path)})
+                                  : QVariant();
     default:
         return {};
     }

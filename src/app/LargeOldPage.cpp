@@ -12,7 +12,7 @@ LargeOldPage::LargeOldPage(JournalStore& journal, QWidget* parent)
     model_ = new LargeOldModel(state_, this);
     tree()->setRootIsDecorated(false);
     attachModel(model_,
-                {{210, 140, 90, 235}, LargeOldModel::noteColumn, LargeOldModel::actionColumn});
+                {{190, 130, 80, 335}, LargeOldModel::noteColumn, LargeOldModel::actionColumn});
     connect(model_, &LargeOldModel::tickedChanged, this, &LargeOldPage::updateControls);
     connect(&runner(), &ReviewRunner::largeOldFound, this, &LargeOldPage::onFound);
 }
@@ -28,22 +28,29 @@ void LargeOldPage::onFound(const LargeOldFound& found) {
         state_.denied = found.denied;
     });
     const LargeOldReport& report = *state_.report;
-    std::uint64_t total = 0;
-    for (const LargeOldItem& item : report.items) {
-        total += item.physicalBytes;
-    }
-    QString summary;
-    if (!report.items.empty()) {
-        summary =
-            QStringLiteral("%1 %2 · %3. Nothing is selected.")
-                .arg(report.items.size())
-                .arg(report.items.size() == 1 ? QStringLiteral("item") : QStringLiteral("items"))
-                .arg(bytesText(total));
-    }
-    showFound(summary, largeOldReportNotes(report, policy()),
+    showFound(largeOldReportNotes(report, policy()),
               QString::fromStdString(largeOldNothingFound(options_)) + "\n" +
                   QString::fromStdString(largeOldNothingFoundDetail(options_)),
               !report.items.empty());
+}
+
+QString LargeOldPage::summaryLine() const {
+    if (!state_.report || state_.report->items.empty()) {
+        return {};
+    }
+    // What is still here: items already in the Trash no longer count.
+    std::uint64_t count = 0;
+    std::uint64_t total = 0;
+    for (const LargeOldItem& item : state_.report->items) {
+        if (state_.moved.count(item.path) == 0) {
+            ++count;
+            total += item.physicalBytes;
+        }
+    }
+    return QStringLiteral("%1 %2 · %3. Nothing is selected.")
+        .arg(count)
+        .arg(count == 1 ? QStringLiteral("item") : QStringLiteral("items"))
+        .arg(bytesText(total));
 }
 
 std::vector<ReviewedItem> LargeOldPage::tickedItems(std::vector<std::string>&) const {

@@ -610,11 +610,82 @@ ActivityModel::ActivityModel(const ReclaimJournal& journal, const std::vector<Ta
     sortNewestFirst();
 }
 
+ActivityKind activityKindOf(const JournalEntry& entry) {
+    switch (entry.kind) {
+    case JournalKind::sweep:
+        return ActivityKind::sweep;
+    case JournalKind::caches:
+        return ActivityKind::cleanup;
+    case JournalKind::uninstall:
+        return ActivityKind::uninstall;
+    case JournalKind::leftovers:
+        return ActivityKind::leftovers;
+    case JournalKind::findings:
+        break;
+    }
+    // Findings come from a review screen, which names its rows' group, or from paths a person
+    // named themselves.
+    bool duplicates = !entry.items.empty();
+    bool largeOld = !entry.items.empty();
+    for (const TrashedItem& item : entry.items) {
+        duplicates = duplicates && item.group == "duplicates";
+        largeOld = largeOld && item.group == "largeOld";
+    }
+    return duplicates ? ActivityKind::duplicates
+           : largeOld ? ActivityKind::largeOld
+                      : ActivityKind::byHand;
+}
+
+QString activityKindText(ActivityKind kind) {
+    switch (kind) {
+    case ActivityKind::sweep:
+        return QStringLiteral("Sweep");
+    case ActivityKind::cleanup:
+        return QStringLiteral("Cleanup");
+    case ActivityKind::duplicates:
+        return QStringLiteral("Duplicates");
+    case ActivityKind::largeOld:
+        return QStringLiteral("Large & old");
+    case ActivityKind::byHand:
+        return QStringLiteral("Moved by hand");
+    case ActivityKind::uninstall:
+        return QStringLiteral("Uninstall");
+    case ActivityKind::leftovers:
+        return QStringLiteral("Leftovers");
+    }
+    return {};
+}
+
+void ActivityModel::setKindFilter(std::optional<ActivityKind> kind) {
+    if (kind == filter_) {
+        return;
+    }
+    beginResetModel();
+    filter_ = kind;
+    sortNewestFirst();
+    endResetModel();
+}
+
+std::vector<ActivityKind> ActivityModel::kindsPresent() const {
+    std::vector<ActivityKind> kinds;
+    for (ActivityKind kind : allActivityKinds) {
+        for (const JournalEntry& entry : journal_.entries()) {
+            if (activityKindOf(entry) == kind) {
+                kinds.push_back(kind);
+                break;
+            }
+        }
+    }
+    return kinds;
+}
+
 void ActivityModel::sortNewestFirst() {
     const std::vector<JournalEntry>& entries = journal_.entries();
-    order_.resize(entries.size());
-    for (size_t i = 0; i < order_.size(); ++i) {
-        order_[i] = i;
+    order_.clear();
+    for (size_t i = 0; i < entries.size(); ++i) {
+        if (!filter_ || activityKindOf(entries[i]) == *filter_) {
+            order_.push_back(i);
+        }
     }
     // ISO dates in UTC sort as text; equal dates keep the later-recorded entry first.
     std::stable_sort(order_.begin(), order_.end(), [&](size_t a, size_t b) {
@@ -721,8 +792,9 @@ QVariant ActivityModel::data(const QModelIndex& index, int role) const {
                 .arg(QString::fromStdString(entry->title))
                 .arg(entry->items.size())
                 .arg(entry->items.size() == 1 ? QStringLiteral("item") : QStringLiteral("items"));
-        case groupColumn:
-            return item != nullptr ? groupTitle(*entry, item->group) : QString();
+        case kindColumn:
+            return item != nullptr ? groupTitle(*entry, item->group)
+                                   : activityKindText(activityKindOf(*entry));
         case whenColumn:
             return item != nullptr ? QString() : dateText(entry->date);
         case sizeColumn:
@@ -752,7 +824,8 @@ QVariant ActivityModel::data(const QModelIndex& index, int role) const {
                                : QStringLiteral("\nIn the Trash as ") +
                                      QString::fromStdString(item->trashPath));
     case Qt::TextAlignmentRole:
-        return columnAlignment(index.column() == sizeColumn);
+        // Dates line up on their right edge, as sizes do, so times and years sit in columns.
+        return columnAlignment(index.column() == sizeColumn || index.column() == whenColumn);
     case bytesRole:
         return QVariant::fromValue<quint64>(item != nullptr ? item->bytes : bytes);
     case pathRole:
@@ -775,12 +848,12 @@ QVariant ActivityModel::data(const QModelIndex& index, int role) const {
 
 QVariant ActivityModel::headerData(int section, Qt::Orientation orientation, int role) const {
     if (orientation == Qt::Horizontal && role == Qt::TextAlignmentRole) {
-        return columnAlignment(section == sizeColumn);
+        return columnAlignment(section == sizeColumn || section == whenColumn);
     }
     if (orientation != Qt::Horizontal || role != Qt::DisplayRole) {
         return {};
     }
-    static const char* const titles[] = {"What", "Group", "When", "Size", "Where it is"};
+    static const char* const titles[] = {"What", "Kind", "When", "Size", "Where it is"};
     return section >= 0 && section < columnTotal ? QString::fromLatin1(titles[section])
                                                  : QVariant();
 }

@@ -7,6 +7,8 @@
 #include <QAbstractItemModel>
 #include <QIcon>
 #include <QSortFilterProxyModel>
+#include <array>
+#include <optional>
 #include <vector>
 
 namespace sd::app {
@@ -31,6 +33,7 @@ enum ItemRole {
     colourRole,      // QColor: a space-tree row's colour, the same in the list and on the map
     knownCacheRole,  // QString: the catalog target a space-tree row is a location of, or empty
     shareRole,       // double 0…1: a space-tree row's share of its parent
+    revealRole,      // QStringList: what a review row's own "Show in Files" shows; empty for none
 };
 
 enum class TileState { waiting, measuring, measured, recorded, moved };
@@ -128,12 +131,24 @@ private:
     bool hideEmpty_ = false;
 };
 
-// The reclaim journal, newest entry first, each entry with its items below it.
+// What a journal entry was, as a person names it: the screen or action that moved its items.
+enum class ActivityKind { sweep, cleanup, duplicates, largeOld, byHand, uninstall, leftovers };
+inline constexpr std::array<ActivityKind, 7> allActivityKinds{
+    ActivityKind::sweep,  ActivityKind::cleanup,   ActivityKind::duplicates, ActivityKind::largeOld,
+    ActivityKind::byHand, ActivityKind::uninstall, ActivityKind::leftovers,
+};
+ActivityKind activityKindOf(const JournalEntry& entry);
+// "Sweep", "Cleanup", "Duplicates", "Large & old", "Moved by hand", "Uninstall", "Leftovers".
+QString activityKindText(ActivityKind kind);
+
+// The reclaim journal, newest entry first, each entry with its items below it. A kind filter
+// shows the entries of one kind only.
 class ActivityModel : public QAbstractItemModel {
     Q_OBJECT
 
 public:
-    enum Column { whatColumn, groupColumn, whenColumn, sizeColumn, statusColumn, columnTotal };
+    // An entry's row names its kind in the kind column; an item's row the group it came from.
+    enum Column { whatColumn, kindColumn, whenColumn, sizeColumn, statusColumn, columnTotal };
 
     ActivityModel(const ReclaimJournal& journal, const std::vector<Target>& catalog,
                   QObject* parent = nullptr);
@@ -154,11 +169,18 @@ public:
     // How a row group reads: a Sweep tile's or a catalog target's title.
     QString groupTitle(const JournalEntry& entry, const std::string& group) const;
 
+    // Shows only entries of `kind`, or every entry.
+    void setKindFilter(std::optional<ActivityKind> kind);
+    std::optional<ActivityKind> kindFilter() const noexcept { return filter_; }
+    // The kinds the journal holds, in the order of allActivityKinds.
+    std::vector<ActivityKind> kindsPresent() const;
+
 private:
     void sortNewestFirst();
 
     const ReclaimJournal& journal_;
     const std::vector<Target>& catalog_;
+    std::optional<ActivityKind> filter_;
     std::vector<size_t> order_; // rows onto journal entries, newest first
 };
 

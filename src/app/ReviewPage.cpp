@@ -1,6 +1,7 @@
 #include "app/ReviewPage.h"
 
 #include "app/Models.h"
+#include "base/Saturating.h"
 #include "reclaim/PutBack.h"
 #include "sweep/Sweep.h"
 
@@ -150,9 +151,9 @@ void ReviewPage::search() {
     progress_->update(0, QStringLiteral("Reading your folders"));
 }
 
-void ReviewPage::showFound(const QString& summary, const std::vector<std::string>& notes,
-                           const QString& emptyText, bool anything) {
-    summary_->setText(summary);
+void ReviewPage::showFound(const std::vector<std::string>& notes, const QString& emptyText,
+                           bool anything) {
+    summary_->setText(summaryLine());
     QStringList lines;
     for (const std::string& n : notes) {
         lines << QString::fromStdString(n);
@@ -174,7 +175,8 @@ void ReviewPage::changeState(const std::function<void()>& change) {
 }
 
 void ReviewPage::addRevealButtons() {
-    // A row the vault keeps in place offers the one way past it: look, and decide by hand.
+    // A row that stays where it is offers the one way past it: look, and decide by hand. A group
+    // whose every copy stays has one button for all of them.
     std::vector<QModelIndex> rows;
     for (int r = 0; r < model_->rowCount(); ++r) {
         QModelIndex top = model_->index(r, 0);
@@ -184,14 +186,14 @@ void ReviewPage::addRevealButtons() {
         }
     }
     for (const QModelIndex& row : rows) {
-        if (!row.data(deniedRole).toBool()) {
+        QStringList paths = row.data(revealRole).toStringList();
+        if (paths.isEmpty()) {
             continue;
         }
         auto* button = new QPushButton(revealText());
         button->setProperty("link", true);
         button->setToolTip(row.data(noteRole).toString());
-        QString path = row.data(pathRole).toString();
-        connect(button, &QPushButton::clicked, button, [path] { showInFiles(path); });
+        connect(button, &QPushButton::clicked, button, [paths] { showInFiles(paths); });
         tree_->setIndexWidget(row.siblingAtColumn(columns_.action), button);
     }
 }
@@ -202,19 +204,7 @@ void ReviewPage::moveTicked() {
     if (items.empty()) {
         return;
     }
-    std::uint64_t bytes = 0;
-    for (int r = 0; r < model_->rowCount(); ++r) {
-        QModelIndex top = model_->index(r, 0);
-        auto add = [&](const QModelIndex& row) {
-            if (row.data(Qt::CheckStateRole).value<Qt::CheckState>() == Qt::Checked) {
-                bytes += row.data(bytesRole).value<quint64>();
-            }
-        };
-        add(top);
-        for (int c = 0; c < model_->rowCount(top); ++c) {
-            add(model_->index(c, 0, top));
-        }
-    }
+    const std::uint64_t bytes = tickedBytes();
     if (!confirm(this, QStringLiteral("Move to the Trash"),
                  QStringLiteral("Move %1 %2 (%3) to the Trash?")
                      .arg(items.size())
@@ -230,6 +220,27 @@ void ReviewPage::moveTicked() {
     progress_->update(0, QStringLiteral("Checking each item before it moves"));
 }
 
+std::uint64_t ReviewPage::tickedBytes() const {
+    if (model_ == nullptr) {
+        return 0;
+    }
+    std::uint64_t bytes = 0;
+    auto add = [&](const QModelIndex& row) {
+        if (row.data(Qt::CheckStateRole).value<Qt::CheckState>() == Qt::Checked) {
+            bytes = saturatingAdd(bytes,
+                                  static_cast<std::uint64_t>(row.data(bytesRole).value<quint64>()));
+        }
+    };
+    for (int r = 0; r < model_->rowCount(); ++r) {
+        QModelIndex top = model_->index(r, 0);
+        add(top);
+        for (int c = 0; c < model_->rowCount(top); ++c) {
+            add(model_->index(c, 0, top));
+        }
+    }
+    return bytes;
+}
+
 void ReviewPage::onMoved(const ReviewMoveResult& result) {
     journal_.reload();
     lastEntryID_ = result.entryID.empty() ? std::nullopt : std::optional(result.entryID);
@@ -238,6 +249,7 @@ void ReviewPage::onMoved(const ReviewMoveResult& result) {
         bytes += m.bytes;
     }
     changeState([&] { markMoved(result.outcome.moved); });
+    summary_->setText(summaryLine());
     QStringList notes;
     for (const std::string& n : result.outcome.notes) {
         notes << QString::fromStdString(n);
@@ -266,8 +278,10 @@ void ReviewPage::updateControls() {
     setOwnControlsEnabled(!busy);
     size_t ticked = tickedCount();
     move_->setEnabled(!busy && ticked > 0);
-    move_->setText(ticked == 0 ? QStringLiteral("Move to the Trash")
-                               : QStringLiteral("Move %1 to the Trash").arg(ticked));
+    // The button names what it moves, as the Sweep's does: the bytes, not a count of rows.
+    move_->setText(ticked == 0
+                       ? QStringLiteral("Move to the Trash")
+                       : QStringLiteral("Move %1 to the Trash").arg(bytesText(tickedBytes())));
     reveal_->setEnabled(!tree_->currentIndex().siblingAtColumn(0).data(pathRole).isNull());
     putBack_->setVisible(lastEntryID_.has_value());
     putBack_->setEnabled(!busy);

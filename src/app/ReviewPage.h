@@ -32,6 +32,8 @@ public:
     QPushButton* moveButton() const noexcept { return move_; }
     QPushButton* putBackButton() const noexcept { return putBack_; }
     const Banner* banner() const noexcept { return banner_; }
+    // The line under the scope that sums up the last search.
+    QString summaryText() const { return summary_->text(); }
 
     void search();
     void moveTicked();
@@ -66,12 +68,14 @@ protected:
     // Changes the shown state inside a reset of the model, then lays the rows out again.
     void changeState(const std::function<void()>& change);
     // Shows a finished search: its summary line, notes about it, and what an empty one says.
-    void showFound(const QString& summary, const std::vector<std::string>& notes,
-                   const QString& emptyText, bool anything);
+    void showFound(const std::vector<std::string>& notes, const QString& emptyText, bool anything);
     void updateControls();
 
     virtual void startSearch() = 0;
     virtual bool hasReport() const = 0;
+    // The line that sums up the report as it stands, what already went to the Trash left out;
+    // empty when there is nothing to sum up.
+    virtual QString summaryLine() const = 0;
     virtual size_t tickedCount() const = 0;
     // The ticked rows as the vault takes them; `refused` gains a sentence for each row that can
     // no longer move.
@@ -85,6 +89,8 @@ protected:
 
 private:
     void onMoved(const ReviewMoveResult& result);
+    // The allocated bytes of the ticked rows, as the model reports them.
+    std::uint64_t tickedBytes() const;
     void addRevealButtons();
 
     JournalStore& journal_;

@@ -60,8 +60,18 @@ QProgressBar { background: #e4e8ee; border: none; border-radius: 4px; max-height
                text-align: center; }
 QProgressBar::chunk { background: #2563eb; border-radius: 4px; }
 QTreeView, QListView { background: #ffffff; border: 1px solid #e0e4ea; border-radius: 10px;
-                       alternate-background-color: #fafbfc; }
+                       alternate-background-color: #fafbfc; outline: none; }
 QTreeView::item:selected, QListView::item:selected { background: #e3ebfc; color: #1f2328; }
+QTreeView::item:selected:active, QListView::item:selected:active { background: #d8e4fb; }
+QScrollBar:vertical { background: transparent; width: 12px; margin: 2px 2px 2px 0; }
+QScrollBar:horizontal { background: transparent; height: 12px; margin: 0 2px 2px 2px; }
+QScrollBar::handle { background: #c4cad3; border-radius: 4px; }
+QScrollBar::handle:vertical { min-height: 32px; margin: 0 2px; }
+QScrollBar::handle:horizontal { min-width: 32px; margin: 2px 0; }
+QScrollBar::handle:hover { background: #a7afba; }
+QScrollBar::handle:pressed { background: #8b94a1; }
+QScrollBar::add-line, QScrollBar::sub-line { width: 0; height: 0; border: none; background: none; }
+QScrollBar::add-page, QScrollBar::sub-page { background: none; }
 QHeaderView::section { background: #ffffff; border: none; border-bottom: 1px solid #e6e9ee;
                        padding: 6px 4px; color: #5b6470; font-weight: 600; }
 QComboBox { background: #ffffff; border: 1px solid #cfd5dd; border-radius: 7px;
@@ -91,7 +101,7 @@ QToolTip { background: #1f2328; color: #ffffff; border: none; padding: 4px 8px; 
 QPushButton:focus { border: 2px solid #2563eb; padding: 5px 15px; }
 QPushButton[primary="true"]:focus { border: 2px solid #0b2f86; }
 QPushButton[link="true"]:focus { border: 1px dashed #1f55c9; padding: 1px 3px; }
-QTreeView:focus, QListView:focus { border: 2px solid #2563eb; }
+QTreeView:focus, QListView:focus { border-color: #2563eb; }
 QComboBox:focus { border: 2px solid #2563eb; padding: 3px 9px; }
 QCheckBox:focus { color: #1742a8; }
 QCheckBox::indicator:focus { border: 2px solid #2563eb; }
@@ -127,6 +137,14 @@ FileManagerNotices& FileManagerNotices::instance() {
 }
 
 void showInFiles(const QString& path) {
+    showInFiles(QStringList{path});
+}
+
+void showInFiles(const QStringList& paths) {
+    if (paths.isEmpty()) {
+        return;
+    }
+    const QString& path = paths.front();
     QString folder = QFileInfo(path).absolutePath();
     auto openFolder = [folder, path] {
         if (!QDesktopServices::openUrl(QUrl::fromLocalFile(folder))) {
@@ -142,7 +160,11 @@ void showInFiles(const QString& path) {
         QStringLiteral("org.freedesktop.FileManager1"),
         QStringLiteral("/org/freedesktop/FileManager1"),
         QStringLiteral("org.freedesktop.FileManager1"), QStringLiteral("ShowItems"));
-    call << QStringList{QUrl::fromLocalFile(path).toString()} << QString();
+    QStringList uris;
+    for (const QString& p : paths) {
+        uris << QUrl::fromLocalFile(p).toString();
+    }
+    call << uris << QString();
     // Asynchronous: a file manager that takes its time to start never holds up the window.
     auto* watcher = new QDBusPendingCallWatcher(bus.asyncCall(call, 5000));
     QObject::connect(watcher, &QDBusPendingCallWatcher::finished, watcher,

@@ -21,6 +21,9 @@ void applyStyle(QApplication& app);
 // Opens the file manager with `path` selected: org.freedesktop.FileManager1.ShowItems over the
 // session bus, else the folder that holds it. When neither answers, FileManagerNotices says so.
 void showInFiles(const QString& path);
+// The same for several items at once, as one request; without a file manager on the bus, the
+// folder of the first is opened.
+void showInFiles(const QStringList& paths);
 
 // Where the window hears that no file manager answered "Show in Files", to tell the person
 // instead of failing silently.

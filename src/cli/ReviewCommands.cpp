@@ -61,6 +61,13 @@ template <typename Search> bool runSearch(Search search, int& exitStatus) {
     return true;
 }
 
+// Where the vault's rules keep a path, read from the policy without touching the disk.
+StayVerdict policyVerdict(const VaultPolicy& policy) {
+    return [&policy](const std::string& path) {
+        return policy.verdict(foldPath(path));
+    };
+}
+
 json duplicateJson(const DuplicateReport& report, const VaultPolicy& policy) {
     json groups = json::array();
     for (const DuplicateGroup& group : report.groups) {
@@ -82,6 +89,9 @@ json duplicateJson(const DuplicateReport& report, const VaultPolicy& policy) {
                           {"size", group.size},
                           {"files", files},
                           {"suggestedKeep", group.suggestedKeep},
+                          {"keepRule", keepRuleName(group.keepRule)},
+                          {"keepReason", keepRuleText(group.keepRule)},
+                          {"everyCopyStays", everyCopyStays(group, policyVerdict(policy))},
                           {"reclaimableBytes", reclaimableBytes(group)}});
     }
     return {{"groups", groups},
@@ -102,16 +112,27 @@ void printDuplicates(const DuplicateReport& report, const VaultPolicy& policy, b
     std::printf("%s\n%s\n", std::string(duplicateText::description).c_str(),
                 wholeHome ? std::string(platform::duplicatesScopeText()).c_str()
                           : ("Looked in " + report.scope.root + ".").c_str());
-    std::uint64_t total = 0;
+    const StayVerdict verdictOf = policyVerdict(policy);
+    std::uint64_t givesBack = 0;
+    std::uint64_t toReview = 0;
     for (const DuplicateGroup& group : report.groups) {
-        std::uint64_t reclaimable = reclaimableBytes(group);
-        total += reclaimable;
-        std::printf("\n%zu copies of %s · %s to give back\n", group.files.size(),
-                    formatBytes(group.size).c_str(), formatBytes(reclaimable).c_str());
+        std::uint64_t review = bytesToReview(group, verdictOf);
+        std::uint64_t reclaimable = reclaimableBytes(group) - review;
+        givesBack += reclaimable;
+        toReview += review;
+        const bool stays = everyCopyStays(group, verdictOf);
+        std::printf("\n%zu copies of %s · %s · kept: %s\n", group.files.size(),
+                    formatBytes(group.size).c_str(),
+                    stays ? std::string(duplicateText::everyCopyStays).c_str()
+                          : (formatBytes(reclaimable) + " to give back").c_str(),
+                    std::string(keepRuleText(group.keepRule)).c_str());
         for (const DuplicateFile& file : group.files) {
-            std::string note = duplicateFileNote(group, file, policy);
-            std::printf("  %s %s%s%s\n", file.path == group.suggestedKeep ? "keep" : "    ",
-                        file.path.c_str(), note.empty() ? "" : "  — ", note.c_str());
+            const bool keep = file.path == group.suggestedKeep;
+            // A group whose every copy stays said so once above; its rows need not repeat it.
+            std::string note =
+                stays && !keep ? std::string() : duplicateFileNote(group, file, policy);
+            std::printf("  %s %s%s%s\n", keep ? "keep" : "    ", file.path.c_str(),
+                        note.empty() ? "" : "  — ", note.c_str());
             for (const std::string& other : file.sharedWith) {
                 std::printf("         same storage: %s\n", other.c_str());
             }
@@ -121,10 +142,9 @@ void printDuplicates(const DuplicateReport& report, const VaultPolicy& policy, b
         std::printf("\n%s\n%s\n", std::string(duplicateText::noGroups).c_str(),
                     std::string(duplicateText::noGroupsDetail).c_str());
     } else {
-        std::printf("\n%zu %s · %s could be given back. Nothing is selected: the copy marked "
-                    "“keep” (%s) always stays.\n",
-                    report.groups.size(), report.groups.size() == 1 ? "group" : "groups",
-                    formatBytes(total).c_str(), std::string(duplicateText::keepLabel).c_str());
+        std::printf("\n%s. Nothing is selected: the copy marked “keep” (%s) always stays.\n",
+                    duplicateTotalsText(report.groups.size(), givesBack, toReview).c_str(),
+                    std::string(duplicateText::keepLabel).c_str());
     }
     for (const std::string& note : duplicateReportNotes(report)) {
         std::printf("%s\n", note.c_str());
@@ -140,7 +160,8 @@ json largeOldJson(const LargeOldReport& report, const VaultPolicy& policy) {
                          {"isPackage", item.isPackage},
                          {"evidence",
                           {{"kind", evidenceKindName(item.evidence.kind)},
-                           {"date", isoDate(item.evidence.date)}}},
+                           {"date", isoDate(item.evidence.date)},
+                           {"source", dateSourceName(item.evidence.source)}}},
                          {"device", item.device},
                          {"inode", item.inode}});
     }
@@ -168,7 +189,7 @@ void printLargeOld(const LargeOldReport& report, const LargeOldOptions& options,
         std::printf("%10s  %-9s  %s  — %s%s\n", formatBytes(item.physicalBytes).c_str(),
                     std::string(largeOldKindName(item.kind)).c_str(), item.path.c_str(),
                     evidenceText(item.evidence).c_str(),
-                    item.evidence.kind == EvidenceKind::fileTimesOnly ? " (file dates)" : "");
+                    item.evidence.kind == EvidenceKind::fileTimesOnly ? " (approximate)" : "");
     }
     if (!report.items.empty()) {
         std::printf("\n%zu %s · %s. Nothing is selected.\n", report.items.size(),

@@ -13,6 +13,7 @@
 #include "reclaim/VaultPolicy.h"
 #include "reclaim/VaultService.h"
 #include "review/ContentDigest.h"
+#include "review/ReviewTexts.h"
 
 #include <algorithm>
 #include <array>
@@ -644,7 +645,9 @@ DuplicateReport DuplicateComparer::compare() const {
         }
         std::sort(group.files.begin(), group.files.end(),
                   [](const DuplicateFile& a, const DuplicateFile& b) { return a.path < b.path; });
-        group.suggestedKeep = suggestKeep(group.files, candidates.scope.home);
+        KeepChoice keep = chooseKeep(group.files, candidates.scope.home);
+        group.suggestedKeep = std::move(keep.path);
+        group.keepRule = keep.rule;
         report.groups.push_back(std::move(group));
     }
 
@@ -678,29 +681,85 @@ DuplicateReport DuplicateComparer::compare() const {
     return report;
 }
 
-std::string suggestKeep(const std::vector<DuplicateFile>& files, const std::string& home) {
+namespace {
+
+struct KeepRuleWords {
+    std::string_view name;
+    std::string_view text;
+    std::string_view detail;
+};
+
+// In the order of KeepRule.
+constexpr std::array<KeepRuleWords, 4> keepRuleWords{{
+    {"ownFolders", "in your own folders",
+     "Kept because it is in your own folders and the other copies are not."},
+    {"oldest", "oldest", "Kept because it is the oldest copy."},
+    {"shortestPath", "shortest path",
+     "The copies are equally old, so the one with the shortest path is kept."},
+    {"firstByName", "first by name",
+     "The copies are equally old and their paths equally long, so the one first by name is "
+     "kept."},
+}};
+
+const KeepRuleWords& wordsOf(KeepRule rule) {
+    return keepRuleWords.at(static_cast<size_t>(rule));
+}
+
+} // namespace
+
+std::string_view keepRuleName(KeepRule rule) {
+    return wordsOf(rule).name;
+}
+
+std::string_view keepRuleText(KeepRule rule) {
+    return wordsOf(rule).text;
+}
+
+std::string_view keepRuleDetail(KeepRule rule) {
+    return wordsOf(rule).detail;
+}
+
+KeepChoice chooseKeep(const std::vector<DuplicateFile>& files, const std::string& home) {
     const std::string foldedHome = foldPath(home);
-    const DuplicateFile* best = &files.front();
-    bool bestOwn = inOwnFolders(foldPath(best->path), foldedHome);
-    for (size_t i = 1; i < files.size(); ++i) {
-        const DuplicateFile& next = files[i];
-        bool own = inOwnFolders(foldPath(next.path), foldedHome);
-        bool better = false;
-        if (own != bestOwn) {
-            better = own;
-        } else if (next.born != best->born) {
-            better = next.born < best->born;
-        } else if (next.path.size() != best->path.size()) {
-            better = next.path.size() < best->path.size();
-        } else {
-            better = next.path < best->path;
-        }
-        if (better) {
-            best = &next;
-            bestOwn = own;
-        }
+    // Each rule as one field of a key; the smallest key is kept. std::string compares bytes as
+    // unsigned values, so the last rule is the byte order of the paths.
+    using Key = std::tuple<bool, Timestamp, size_t, std::string_view>;
+    auto keyOf = [&](const DuplicateFile& file) {
+        return Key{!inOwnFolders(foldPath(file.path), foldedHome), file.born, file.path.size(),
+                   file.path};
+    };
+    std::vector<Key> keys;
+    keys.reserve(files.size());
+    for (const DuplicateFile& file : files) {
+        keys.push_back(keyOf(file));
     }
-    return best->path;
+    std::vector<size_t> order(files.size());
+    for (size_t i = 0; i < order.size(); ++i) {
+        order[i] = i;
+    }
+    // Two of the best are all the rule needs: the kept copy and the one it won against last.
+    std::partial_sort(order.begin(),
+                      order.begin() +
+                          static_cast<std::ptrdiff_t>(std::min<size_t>(2, order.size())),
+                      order.end(), [&](size_t a, size_t b) { return keys[a] < keys[b]; });
+    KeepChoice choice{files[order[0]].path, KeepRule::firstByName};
+    if (order.size() < 2) {
+        return choice;
+    }
+    const Key& kept = keys[order[0]];
+    const Key& next = keys[order[1]];
+    if (std::get<0>(kept) != std::get<0>(next)) {
+        choice.rule = KeepRule::ownFolders;
+    } else if (std::get<1>(kept) != std::get<1>(next)) {
+        choice.rule = KeepRule::oldest;
+    } else if (std::get<2>(kept) != std::get<2>(next)) {
+        choice.rule = KeepRule::shortestPath;
+    }
+    return choice;
+}
+
+std::string suggestKeep(const std::vector<DuplicateFile>& files, const std::string& home) {
+    return chooseKeep(files, home).path;
 }
 
 std::vector<const DuplicateFile*> removableCopies(const DuplicateGroup& group) {
@@ -719,6 +778,38 @@ std::uint64_t reclaimableBytes(const DuplicateGroup& group) {
         total = saturatingAdd(total, file->physicalBytes);
     }
     return total;
+}
+
+bool everyCopyStays(const DuplicateGroup& group, const StayVerdict& verdictOf) {
+    return !group.files.empty() &&
+           std::all_of(group.files.begin(), group.files.end(), [&](const DuplicateFile& file) {
+               std::optional<VaultDenyReason> verdict = verdictOf(file.path);
+               return verdict && inFolderNeverMoved(*verdict);
+           });
+}
+
+std::uint64_t bytesToReview(const DuplicateGroup& group, const StayVerdict& verdictOf) {
+    std::uint64_t total = 0;
+    for (const DuplicateFile* file : removableCopies(group)) {
+        std::optional<VaultDenyReason> verdict = verdictOf(file->path);
+        if (verdict && inFolderNeverMoved(*verdict)) {
+            total = saturatingAdd(total, file->physicalBytes);
+        }
+    }
+    return total;
+}
+
+std::string duplicateTotalsText(size_t groups, std::uint64_t givesBack, std::uint64_t toReview) {
+    std::string text = formatCount(groups) + (groups == 1 ? " group · " : " groups · ");
+    if (givesBack == 0 && toReview > 0) {
+        return text + formatBytes(toReview) + " duplicated in your own folders, for you to review";
+    }
+    text += formatBytes(givesBack) + " could be given back";
+    if (toReview > 0) {
+        text += ", and " + formatBytes(toReview) +
+                " more is duplicated in your own folders, for you to review";
+    }
+    return text;
 }
 
 std::string duplicateFileNote(const DuplicateGroup& group, const DuplicateFile& file,

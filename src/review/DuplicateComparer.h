@@ -6,6 +6,8 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -16,6 +18,7 @@
 namespace sd {
 
 class VaultPolicy;
+enum class VaultDenyReason;
 
 struct DuplicateScope {
     std::string root; // the folder searched: the home, or one the person chose
@@ -51,11 +54,21 @@ struct DuplicateFile {
     Timestamp born;
 };
 
+// The rule that chose a group's copy to keep, in the order the rules are tried: the first on
+// which the kept copy and the next best one differ.
+enum class KeepRule { ownFolders, oldest, shortestPath, firstByName };
+// The name in --json ("ownFolders") and the few words a person reads ("in your own folders").
+std::string_view keepRuleName(KeepRule rule);
+std::string_view keepRuleText(KeepRule rule);
+// The sentence behind those words, for a tooltip.
+std::string_view keepRuleDetail(KeepRule rule);
+
 struct DuplicateGroup {
     std::string id; // the contents' SHA-256 in hexadecimal
     std::uint64_t size = 0;
     std::vector<DuplicateFile> files;
     std::string suggestedKeep;
+    KeepRule keepRule = KeepRule::firstByName;
 };
 
 struct DuplicateReport {
@@ -93,12 +106,34 @@ public:
 };
 
 // The copy to keep: one in the person's own folders over one outside them, then the older
-// creation date, the shorter path, the path that sorts first. `files` is not empty.
+// creation date, the shorter path, the path that sorts first in byte order. The rules order the
+// copies completely, so the choice depends on the files alone, never on the order they come in.
+// `files` is not empty.
+struct KeepChoice {
+    std::string path;
+    KeepRule rule = KeepRule::firstByName;
+};
+KeepChoice chooseKeep(const std::vector<DuplicateFile>& files, const std::string& home);
 std::string suggestKeep(const std::vector<DuplicateFile>& files, const std::string& home);
 
 // Copies that may be offered: not the one to keep, sharing storage with no other name.
 std::vector<const DuplicateFile*> removableCopies(const DuplicateGroup& group);
 std::uint64_t reclaimableBytes(const DuplicateGroup& group);
+
+// Judges where one path may move from: the reason it stays, or nothing when it may move.
+using StayVerdict = std::function<std::optional<VaultDenyReason>(const std::string& path)>;
+
+// True when every copy of the group sits in a folder Sparrowdeck never moves things from: the
+// group then says so once, not on every row.
+bool everyCopyStays(const DuplicateGroup& group, const StayVerdict& verdictOf);
+
+// Bytes of the group's extra copies (neither kept nor sharing storage) that sit in folders
+// Sparrowdeck never moves from: duplicated, but for the person to review by hand.
+std::uint64_t bytesToReview(const DuplicateGroup& group, const StayVerdict& verdictOf);
+
+// The totals line of a report: "3 groups · 12.0 MB could be given back", with what is left for the
+// person to review in their own folders, or only that when nothing could be given back.
+std::string duplicateTotalsText(size_t groups, std::uint64_t givesBack, std::uint64_t toReview);
 
 // What one copy's row says about it, or nothing for an ordinary removable copy.
 std::string duplicateFileNote(const DuplicateGroup& group, const DuplicateFile& file,
@@ -124,6 +159,8 @@ inline constexpr std::string_view sharedCopy =
 inline constexpr std::string_view sharedReason = " (a clone or hard link) — nothing to free here";
 inline constexpr std::string_view protectedCopy = "In a folder Sparrowdeck never moves things from";
 inline constexpr std::string_view gitCopy = "Inside a Git project";
+inline constexpr std::string_view everyCopyStays =
+    "Every copy is in a folder Sparrowdeck never moves things from";
 } // namespace duplicateText
 
 } // namespace sd

@@ -84,6 +84,18 @@ LargeOldKind largeOldKindOf(std::string_view name) {
     return LargeOldKind::other;
 }
 
+std::string_view dateSourceName(DateSource source) {
+    switch (source) {
+    case DateSource::opened:
+        return "opened";
+    case DateSource::added:
+        return "added";
+    case DateSource::modified:
+        return "modified";
+    }
+    return "modified";
+}
+
 std::string_view evidenceKindName(EvidenceKind kind) {
     switch (kind) {
     case EvidenceKind::opened:
@@ -154,7 +166,10 @@ LargeOldReport LargeOldFinder::find() const {
             progress->setFraction(options.budget > 0 ? std::min(1.0, elapsed / options.budget)
                                                      : 1.0);
         }
+        // The later of the file's own dates; a creation date is the day it was added here.
         const double fileTime = std::max(c.modified, c.born).seconds();
+        const DateSource fileSource =
+            c.born > c.modified ? DateSource::added : DateSource::modified;
         platform::LastOpenedRecord record;
         if (reader) {
             platform::FileTimes times;
@@ -164,14 +179,21 @@ LargeOldReport LargeOldFinder::find() const {
             times.device = c.device;
             record = reader(c.path, times);
         }
+        // The evidence date is the latest thing known to have happened to the file; its source
+        // says which of them that was. A file time wins only when it is later.
         LastUseEvidence evidence;
         if (record.lastOpened) {
-            evidence = {EvidenceKind::opened, std::max(*record.lastOpened, fileTime)};
+            evidence =
+                *record.lastOpened >= fileTime
+                    ? LastUseEvidence{EvidenceKind::opened, *record.lastOpened, DateSource::opened}
+                    : LastUseEvidence{EvidenceKind::opened, fileTime, fileSource};
         } else if (record.indexed) {
-            evidence = {EvidenceKind::notOpenedSince,
-                        std::max(record.dateAdded.value_or(fileTime), fileTime)};
+            evidence = record.dateAdded && *record.dateAdded >= fileTime
+                           ? LastUseEvidence{EvidenceKind::notOpenedSince, *record.dateAdded,
+                                             DateSource::added}
+                           : LastUseEvidence{EvidenceKind::notOpenedSince, fileTime, fileSource};
         } else {
-            evidence = {EvidenceKind::fileTimesOnly, fileTime};
+            evidence = {EvidenceKind::fileTimesOnly, fileTime, fileSource};
         }
         if (evidence.date > report.cutoff) {
             continue;
@@ -207,7 +229,18 @@ std::string evidenceText(const LastUseEvidence& evidence) {
     if (!date.empty() && date.front() == ' ') {
         date.erase(0, 1);
     }
-    return "Not opened since " + date;
+    std::string_view then = "modified then";
+    switch (evidence.source) {
+    case DateSource::opened:
+        then = "opened then";
+        break;
+    case DateSource::added:
+        then = "added then";
+        break;
+    case DateSource::modified:
+        break;
+    }
+    return "Not opened since " + date + " · " + std::string(then);
 }
 
 std::vector<std::string> largeOldReportNotes(const LargeOldReport& report,

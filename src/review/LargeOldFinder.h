@@ -39,9 +39,15 @@ enum class EvidenceKind {
 };
 std::string_view evidenceKindName(EvidenceKind kind);
 
+// Which date the evidence rests on: the last time the file was opened, the day it was added
+// (to the system's record, or created on this disk), or the last change of its contents.
+enum class DateSource { opened, added, modified };
+std::string_view dateSourceName(DateSource source);
+
 struct LastUseEvidence {
     EvidenceKind kind = EvidenceKind::fileTimesOnly;
     double date = 0;
+    DateSource source = DateSource::modified;
 };
 
 struct LargeOldItem {
@@ -82,7 +88,7 @@ struct LargeOldFinder {
     LargeOldReport find() const;
 };
 
-// "Not opened since 3 Mar 2023", in local time.
+// "Not opened since 3 Mar 2023 · added then", in local time: the date and where it came from.
 std::string evidenceText(const LastUseEvidence& evidence);
 
 // The sentences under a report: time limit, approximate dates, items in protected folders.

@@ -6,6 +6,7 @@
 #include "app/Widgets.h"
 
 #include <QApplication>
+#include <QComboBox>
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <QDir>
@@ -650,16 +651,50 @@ private slots:
             " && cp Documents/holiday.mov Downloads/holiday.mov"
             " && cp Documents/holiday.mov Projects/site/holiday.mov"
             " && git -C Projects/site init -q && git -C Projects/site add holiday.mov"
-            " && git -C Projects/site -c user.name=t -c user.email=t@example.org commit -qm x");
-        std::string sums = test::checksums({h + "/Documents"});
+            " && git -C Projects/site -c user.name=t -c user.email=t@example.org commit -qm x"
+            // Photos copied around inside Pictures: every copy is in the person's own folder.
+            " && mkdir -p Pictures/2019 Pictures/backup Pictures/phone"
+            " && head -c 1300000 /dev/urandom > Pictures/2019/beach.jpg"
+            " && cp Pictures/2019/beach.jpg Pictures/backup/beach.jpg"
+            " && cp Pictures/2019/beach.jpg Pictures/phone/beach.jpg");
+        std::string sums = test::checksums({h + "/Documents", h + "/Pictures"});
         window_->showScreen(MainWindow::Screen::duplicates);
         DuplicatesPage* page = window_->duplicatesPage();
         QTest::mouseClick(page->searchButton(), Qt::LeftButton);
         QTRY_VERIFY_WITH_TIMEOUT(!page->runner().isRunning(), 60000);
         QAbstractItemModel& model = page->model();
-        QCOMPARE(model.rowCount(), 1);
-        QModelIndex group = model.index(0, 0);
+        QCOMPARE(model.rowCount(), 2);
+        QModelIndex group, photos;
+        for (int r = 0; r < 2; ++r) {
+            QModelIndex at = model.index(r, 0);
+            (at.data().toString().startsWith("holiday.mov") ? group : photos) = at;
+        }
         QCOMPARE(model.rowCount(group), 4);
+        QCOMPARE(model.rowCount(photos), 3);
+
+        // Every copy of the photo is in Pictures: the group says so once, with one "Show in
+        // Files" for all three copies, and none of its rows repeats it.
+        int saidOnce = 0;
+        int repeated = 0;
+        for (const QModelIndex& row : {photos, model.index(0, 0, photos), model.index(1, 0, photos),
+                                       model.index(2, 0, photos)}) {
+            QString note = row.siblingAtColumn(DuplicatesModel::noteColumn).data().toString();
+            saidOnce += note == toQ(duplicateText::everyCopyStays) ? 1 : 0;
+            repeated += note == toQ(duplicateText::protectedCopy) ? 1 : 0;
+            bool hasButton = page->tree()->indexWidget(
+                                 row.siblingAtColumn(DuplicatesModel::actionColumn)) != nullptr;
+            QCOMPARE(hasButton, row == photos);
+        }
+        QCOMPARE(saidOnce, 1);
+        QCOMPARE(repeated, 0);
+        QCOMPARE(photos.data(revealRole).toStringList().size(), 3);
+        // Why this copy: the dates are the disk's own, so either rule may have decided, and the
+        // row says which.
+        QString keptNote = model.index(0, DuplicatesModel::noteColumn, photos).data().toString();
+        QVERIFY2(keptNote.startsWith("Kept: oldest") || keptNote.startsWith("Kept: first by name"),
+                 qPrintable(keptNote));
+        QVERIFY2(page->summaryText().contains("duplicated in your own folders, for you to review"),
+                 qPrintable(page->summaryText()));
         QModelIndex keep, backup, download, tracked;
         for (int r = 0; r < 4; ++r) {
             QModelIndex at = model.index(r, 0, group);
@@ -681,9 +716,13 @@ private slots:
             QCOMPARE(reveal->text(), revealText());
         }
         QCOMPARE(tracked.siblingAtColumn(DuplicatesModel::noteColumn).data().toString(),
-                 QString::fromStdString(std::string(
-                     denyText(VaultDenyReason::gitWorkingTree, DenyTextForm::compact))));
+                 toQ(duplicateText::gitCopy));
         QVERIFY(model.setData(backup, Qt::Checked, Qt::CheckStateRole));
+        QCOMPARE(page->moveButton()->text(),
+                 "Move " + bytesText(backup.data(bytesRole).value<quint64>()) + " to the Trash");
+        // The list as a keyboard user sees it: the chosen row marked, no cell boxed in.
+        page->tree()->setFocus();
+        page->tree()->setCurrentIndex(backup);
         shoot("duplicates");
 
         acceptNextDialog();
@@ -694,7 +733,13 @@ private slots:
              {"/Documents/holiday.mov", "/Downloads/holiday.mov", "/Projects/site/holiday.mov"}) {
             QVERIFY2(std::filesystem::exists(h + stays), stays);
         }
-        QCOMPARE(test::checksums({h + "/Documents"}), sums);
+        QCOMPARE(test::checksums({h + "/Documents", h + "/Pictures"}), sums);
+        // What went to the Trash no longer counts as something to give back.
+        QVERIFY2(page->summaryText().startsWith("2 groups · ") &&
+                     page->summaryText().contains("duplicated in your own folders, for you to "
+                                                  "review") &&
+                     !page->summaryText().contains("could be given back"),
+                 qPrintable(page->summaryText()));
         std::string trashed =
             test::runShell("find " + test::shellQuote(h + "/.local/share/Trash/files") +
                            " -name 'holiday*.mov' -exec sha256sum {} +")
@@ -743,6 +788,9 @@ private slots:
         QVERIFY(wedding.data(deniedRole).toBool());
         QVERIFY(!model.setData(wedding, Qt::Checked, Qt::CheckStateRole));
         QVERIFY(page->moveButton()->isEnabled());
+        // The button names what it moves, as the Sweep's does.
+        QCOMPARE(page->moveButton()->text(),
+                 "Move " + bytesText(video.data(bytesRole).value<quint64>()) + " to the Trash");
         shoot("large-old");
     }
 
@@ -751,6 +799,25 @@ private slots:
         shoot("settings");
         window_->showScreen(MainWindow::Screen::activity);
         shoot("activity-after");
+
+        // The filter offers the kinds the history holds and shows one of them alone.
+        ActivityPage* activity = window_->activityPage();
+        QComboBox* filter = activity->kindFilter();
+        QStringList offered;
+        for (int i = 0; i < filter->count(); ++i) {
+            offered << filter->itemText(i);
+        }
+        QCOMPARE(offered, (QStringList{"All kinds", "Sweep", "Cleanup", "Duplicates"}));
+        filter->setCurrentIndex(offered.indexOf("Duplicates"));
+        emit filter->activated(filter->currentIndex());
+        ActivityModel& model = activity->model();
+        QCOMPARE(model.rowCount(), 1);
+        QCOMPARE(model.index(0, ActivityModel::kindColumn).data().toString(),
+                 QStringLiteral("Duplicates"));
+        shoot("activity-duplicates");
+        filter->setCurrentIndex(0);
+        emit filter->activated(0);
+        QCOMPARE(model.rowCount(), 3);
     }
 
     void everyScreenFitsTheSmallestWindowAndALargeOne() {

@@ -8,6 +8,7 @@
 #include "app/SpaceMapPage.h"
 #include "app/Workers.h"
 #include "core/PathRules.h"
+#include "review/ReviewTexts.h"
 
 #include <QAbstractItemModelTester>
 #include <QTest>
@@ -221,7 +222,17 @@ private slots:
               {"date", "2023-12-31T00:00:00Z"},
               {"title", "Old"},
               {"kind", "findings"},
-              {"items", {item("/h/d", false, "findings")}}}});
+              {"items", {item("/h/d", false, "findings")}}},
+             {{"id", "D"},
+              {"date", "2023-11-01T00:00:00Z"},
+              {"title", "Duplicate copies"},
+              {"kind", "findings"},
+              {"items", {item("/h/e", false, "duplicates"), item("/h/f", false, "duplicates")}}},
+             {{"id", "E"},
+              {"date", "2023-10-01T00:00:00Z"},
+              {"title", "Large & old files"},
+              {"kind", "findings"},
+              {"items", {item("/h/g", false, "largeOld")}}}});
         test::writeFile(file, entries.dump());
         ReclaimJournal journal(file);
         journal.load();
@@ -234,7 +245,18 @@ private slots:
         for (int r = 0; r < model.rowCount(); ++r) {
             ids << model.index(r, 0).data(entryIDRole).toString();
         }
-        QCOMPARE(ids, (QStringList{"B", "A", "C"}));
+        QCOMPARE(ids, (QStringList{"B", "A", "C", "D", "E"}));
+        // Each entry names its kind in words; findings by the screen they came from.
+        QStringList kinds;
+        for (int r = 0; r < model.rowCount(); ++r) {
+            kinds << model.index(r, ActivityModel::kindColumn).data().toString();
+        }
+        QCOMPARE(kinds,
+                 (QStringList{"Cleanup", "Sweep", "Moved by hand", "Duplicates", "Large & old"}));
+        QCOMPARE(model.kindsPresent(),
+                 (std::vector<ActivityKind>{ActivityKind::sweep, ActivityKind::cleanup,
+                                            ActivityKind::duplicates, ActivityKind::largeOld,
+                                            ActivityKind::byHand}));
         struct Row {
             int row;
             QString status;
@@ -247,10 +269,10 @@ private slots:
         }
         QModelIndex sweep = model.index(1, 0);
         QCOMPARE(model.rowCount(sweep), 2);
-        QModelIndex first = model.index(0, ActivityModel::groupColumn, sweep);
+        QModelIndex first = model.index(0, ActivityModel::kindColumn, sweep);
         QCOMPARE(first.data().toString(), QStringLiteral("Build products & tool caches"));
         QCOMPARE(model.index(0, 0, model.index(0, 0))
-                     .siblingAtColumn(ActivityModel::groupColumn)
+                     .siblingAtColumn(ActivityModel::kindColumn)
                      .data()
                      .toString(),
                  QStringLiteral("Browser caches"));
@@ -258,6 +280,29 @@ private slots:
         QCOMPARE(model.index(0, 0, sweep).data(pathRole).toString(), QStringLiteral("/t/h/a"));
         QCOMPARE(model.index(1, 0, sweep).data(pathRole).toString(), QStringLiteral("/h/b"));
         headersSitOverTheirCells(model, model.index(0, 0));
+
+        // A kind filter shows that kind's entries only, newest first, and every entry again
+        // when it is lifted.
+        struct Filtered {
+            std::optional<ActivityKind> kind;
+            QStringList ids;
+        };
+        for (const Filtered& f :
+             {Filtered{ActivityKind::duplicates, {"D"}}, Filtered{ActivityKind::sweep, {"A"}},
+              Filtered{ActivityKind::uninstall, {}},
+              Filtered{std::nullopt, {"B", "A", "C", "D", "E"}}}) {
+            model.setKindFilter(f.kind);
+            QStringList shown;
+            for (int r = 0; r < model.rowCount(); ++r) {
+                shown << model.index(r, 0).data(entryIDRole).toString();
+                QCOMPARE(model.entryAt(model.index(r, 0))->id, shown.back().toStdString());
+            }
+            QCOMPARE(shown, f.ids);
+        }
+        model.setKindFilter(ActivityKind::duplicates);
+        QCOMPARE(model.rowCount(model.index(0, 0)), 2);
+        QCOMPARE(model.index(1, 0, model.index(0, 0)).data(pathRole).toString(),
+                 QStringLiteral("/t/h/f"));
     }
 
     void sweepTargetsLeaveOutAndBringBack() {
@@ -299,6 +344,7 @@ private slots:
                        copy("/h/Downloads/linked.bin", {"/h/Downloads/hard.bin"}),
                        copy("/h/Projects/site/a.bin")};
         group.suggestedKeep = "/h/Documents/a.bin";
+        group.keepRule = KeepRule::ownFolders;
         DuplicateReport report;
         report.groups = {group};
         ReviewState<DuplicateReport> state;
@@ -318,10 +364,10 @@ private slots:
             QString note;
         };
         const Row rows[]{
-            {0, false, q(duplicateText::keptCopy)},
+            {0, false, "Kept: in your own folders · " + q(duplicateText::keptCopy)},
             {1, true, QString()},
             {2, false, q(duplicateText::sharedCopy)},
-            {3, false, q(denyText(VaultDenyReason::gitWorkingTree, DenyTextForm::compact))},
+            {3, false, q(duplicateText::gitCopy)},
         };
         for (const Row& r : rows) {
             QModelIndex at = model.index(r.row, 0, top);
@@ -329,7 +375,14 @@ private slots:
             QCOMPARE(at.data(Qt::CheckStateRole).isValid(), r.tickable);
             QCOMPARE(model.setData(at, Qt::Checked, Qt::CheckStateRole), r.tickable);
             QCOMPARE(at.siblingAtColumn(DuplicatesModel::noteColumn).data().toString(), r.note);
+            // Only the copy kept in place offers its own "Show in Files".
+            QCOMPARE(at.data(revealRole).toStringList(),
+                     r.row == 3 ? QStringList{"/h/Projects/site/a.bin"} : QStringList{});
         }
+        QVERIFY(model.index(0, 0, top)
+                    .data(Qt::ToolTipRole)
+                    .toString()
+                    .startsWith(q(keepRuleDetail(KeepRule::ownFolders))));
         QVERIFY(model.index(0, 0, top).data().toString().startsWith("Keep"));
         QVERIFY(model.index(3, 0, top).data(deniedRole).toBool());
         QCOMPARE(state.ticked, std::set<std::string>{"/h/Downloads/a.bin"});
@@ -349,6 +402,67 @@ private slots:
             !model.index(2, DuplicatesModel::noteColumn, top).data(Qt::DecorationRole).isValid());
         headersSitOverTheirCells(model, top);
         headersSitOverTheirCells(model, model.index(0, 0, top));
+    }
+
+    // A group whose copies all sit in folders that never move says so once, with one "Show in
+    // Files" for all of them; its rows stay quiet, and its bytes are for review, not given back.
+    void duplicatesInFoldersThatNeverMoveSayItOnce() {
+        auto copy = [](const std::string& path) {
+            DuplicateFile f;
+            f.path = path;
+            f.physicalBytes = 3'000'000;
+            return f;
+        };
+        DuplicateGroup pictures;
+        pictures.files = {copy("/h/Pictures/2019/a.jpg"), copy("/h/Pictures/copy/a.jpg"),
+                          copy("/h/Pictures/old/a.jpg")};
+        pictures.suggestedKeep = "/h/Pictures/2019/a.jpg";
+        DuplicateGroup mixed;
+        mixed.files = {copy("/h/Documents/b.bin"), copy("/h/Pictures/b.bin"), copy("/h/x/b.bin")};
+        mixed.suggestedKeep = "/h/Documents/b.bin";
+        DuplicateReport report;
+        report.groups = {pictures, mixed};
+        ReviewState<DuplicateReport> state;
+        state.report.emplace(std::move(report));
+        for (const char* path :
+             {"/h/Pictures/2019/a.jpg", "/h/Pictures/copy/a.jpg", "/h/Pictures/old/a.jpg",
+              "/h/Documents/b.bin", "/h/Pictures/b.bin"}) {
+            state.denied[path] = VaultDenyReason::protectedUserDir;
+        }
+        DuplicatesModel model(state, homePolicy());
+        QAbstractItemModelTester tester(&model,
+                                        QAbstractItemModelTester::FailureReportingMode::QtTest);
+        const DuplicateGroup& shownPictures = state.report->groups[0];
+        const DuplicateGroup& shownMixed = state.report->groups[1];
+        QVERIFY(model.everyCopyStays(shownPictures));
+        QVERIFY(!model.everyCopyStays(shownMixed));
+        QCOMPARE(model.givesBack(shownPictures), 0U);
+        QCOMPARE(model.toReview(shownPictures), 6'000'000U);
+        QCOMPARE(model.givesBack(shownMixed), 3'000'000U);
+        QCOMPARE(model.toReview(shownMixed), 3'000'000U);
+
+        QModelIndex group = model.index(0, DuplicatesModel::noteColumn);
+        QCOMPARE(group.data().toString(), q(duplicateText::everyCopyStays));
+        QCOMPARE(group.data(Qt::ToolTipRole).toString(),
+                 QString::fromStdString(everyCopyStaysDetail()));
+        QCOMPARE(model.index(0, 0).data(revealRole).toStringList(),
+                 (QStringList{"/h/Pictures/2019/a.jpg", "/h/Pictures/copy/a.jpg",
+                              "/h/Pictures/old/a.jpg"}));
+        QModelIndex top = model.index(0, 0);
+        for (int r = 1; r < model.rowCount(top); ++r) {
+            QModelIndex note = model.index(r, DuplicatesModel::noteColumn, top);
+            QVERIFY(note.data().toString().isEmpty());
+            QVERIFY(!note.data(Qt::DecorationRole).isValid());
+            QVERIFY(note.siblingAtColumn(0).data(revealRole).toStringList().isEmpty());
+            QVERIFY(!note.siblingAtColumn(0).data(Qt::CheckStateRole).isValid());
+        }
+        // In a mixed group the copy that stays says why on its own row.
+        QModelIndex mixedTop = model.index(1, 0);
+        QCOMPARE(model.index(1, DuplicatesModel::noteColumn, mixedTop).data().toString(),
+                 q(duplicateText::protectedCopy));
+        QCOMPARE(model.index(1, 0, mixedTop).data(revealRole).toStringList(),
+                 QStringList{"/h/Pictures/b.bin"});
+        QVERIFY(model.index(1, 0).data(revealRole).toStringList().isEmpty());
     }
 
     void largeOldRowsShowTheirEvidence() {
@@ -379,7 +493,9 @@ private slots:
         QVERIFY(!model.index(1, 0).data(Qt::CheckStateRole).isValid());
         QVERIFY(!model.setData(model.index(1, 0), Qt::Checked, Qt::CheckStateRole));
         QCOMPARE(model.index(1, 0).data(noteRole).toString(),
-                 q(denyText(VaultDenyReason::protectedUserDir)));
+                 QString::fromStdString(keptInPlaceDetail(VaultDenyReason::protectedUserDir)));
+        QCOMPARE(model.index(1, 0).data(revealRole).toStringList(), QStringList{q(kept.path)});
+        QVERIFY(model.index(0, 0).data(revealRole).toStringList().isEmpty());
         QVERIFY(model.setData(model.index(0, 0), Qt::Checked, Qt::CheckStateRole));
         QCOMPARE(state.ticked, std::set<std::string>{video.path});
         // The denied note and the approximate date are marked, their sentences in tooltips.

@@ -1,10 +1,13 @@
 // `sparrowdeck duplicates` and `sparrowdeck large-old` as a user runs them: a separate process
 // pointed at a fixture home.
 #include "Fixture.h"
+#include "core/ByteFormat.h"
 #include "platform/Words.h"
 
 #include <gtest/gtest.h>
+#include <map>
 #include <nlohmann/json.hpp>
+#include <sstream>
 #include <sys/stat.h>
 
 namespace sd {
@@ -53,6 +56,9 @@ TEST(DuplicatesCommand, ReportsGroupsAsJsonAndForPeople) {
     ASSERT_EQ(report.at("groups").size(), 1U);
     const auto& group = report.at("groups")[0];
     EXPECT_EQ(group.at("suggestedKeep"), home + "/Documents/copy.bin");
+    EXPECT_EQ(group.at("keepRule"), "ownFolders");
+    EXPECT_EQ(group.at("keepReason"), "in your own folders");
+    EXPECT_EQ(group.at("everyCopyStays"), false);
     EXPECT_EQ(group.at("size"), 2 * mib);
     std::map<std::string, bool> removable;
     for (const auto& file : group.at("files")) {
@@ -89,6 +95,75 @@ TEST(DuplicatesCommand, ReportsGroupsAsJsonAndForPeople) {
     EXPECT_NE(none.output.find("No exact copies found.\nNothing over 1 MB here has an exact twin "
                                "taking its own space."),
               std::string::npos);
+}
+
+// Copies made one after another in reverse name order: however close their creation dates,
+// every run keeps the same copy, and the report names the rule that chose it, as `stat` reads
+// the dates.
+TEST(DuplicatesCommand, TheKeptCopyIsTheSameEveryRunAndSaysWhy) {
+    const std::string home = test::freshFolder("cli-dups-tie");
+    const std::string copy(mib + 512, 't');
+    test::makeDirs(home + "/Pictures/trip");
+    const std::vector<std::string> names{"e.jpg", "d.jpg", "c.jpg", "b.jpg", "a.jpg"};
+    for (const std::string& name : names) {
+        test::writeFile(home + "/Pictures/trip/" + name, copy);
+    }
+    // Creation dates with nanoseconds, from a tool that is not ours; equal texts are equal dates.
+    std::map<std::string, std::string> born;
+    std::istringstream listed(
+        test::runShell("cd " + test::shellQuote(home + "/Pictures/trip") + " && stat -c '%n|%w' *")
+            .output);
+    for (std::string line; std::getline(listed, line);) {
+        born[home + "/Pictures/trip/" + line.substr(0, line.find('|'))] =
+            line.substr(line.find('|') + 1);
+    }
+    ASSERT_EQ(born.size(), names.size());
+    // The oldest date; on a tie among the oldest, the path that sorts first (all are as long).
+    std::string oldest = born.begin()->first;
+    size_t sharing = 0;
+    for (const auto& [path, date] : born) {
+        if (date < born[oldest]) {
+            oldest = path;
+        }
+    }
+    for (const auto& [path, date] : born) {
+        sharing += date == born[oldest] ? 1 : 0;
+    }
+
+    std::string firstKept;
+    for (int run = 0; run < 3; ++run) {
+        CliRun found = sparrowdeck(home, "duplicates --json");
+        ASSERT_EQ(found.status, 0) << found.errors;
+        auto report = nlohmann::json::parse(found.output);
+        ASSERT_EQ(report.at("groups").size(), 1U);
+        const auto& group = report.at("groups")[0];
+        EXPECT_EQ(group.at("suggestedKeep"), oldest);
+        EXPECT_EQ(group.at("keepRule"), sharing == 1 ? "oldest" : "firstByName");
+        EXPECT_EQ(group.at("everyCopyStays"), true);
+        if (run == 0) {
+            firstKept = group.at("suggestedKeep");
+        }
+        EXPECT_EQ(group.at("suggestedKeep"), firstKept);
+    }
+
+    // Every copy is in Pictures: the group says so once, and no row repeats it.
+    CliRun human = sparrowdeck(home, "duplicates");
+    ASSERT_EQ(human.status, 0);
+    auto count = [&](const std::string& text) {
+        size_t n = 0;
+        for (size_t at = human.output.find(text); at != std::string::npos;
+             at = human.output.find(text, at + 1)) {
+            ++n;
+        }
+        return n;
+    };
+    EXPECT_EQ(count("Every copy is in a folder Sparrowdeck never moves things from"), 1U)
+        << human.output;
+    EXPECT_EQ(count("In a folder Sparrowdeck never moves things from"), 0U) << human.output;
+    EXPECT_NE(human.output.find("1 group · " + formatBytes(4 * test::peerAllocatedBytes(oldest)) +
+                                " duplicated in your own folders, for you to review."),
+              std::string::npos)
+        << human.output;
 }
 
 TEST(DuplicatesCommand, RefusesWhatIsNotAFolderInTheHomeAndChangesNothing) {
@@ -139,6 +214,8 @@ TEST(LargeOldCommand, ListsItemsWithTheirEvidence) {
     EXPECT_EQ(item.at("kind"), "video");
     EXPECT_EQ(item.at("isPackage"), false);
     EXPECT_EQ(item.at("evidence").at("kind"), "fileTimesOnly");
+    // Written after it was created, so its latest date is the change of its contents.
+    EXPECT_EQ(item.at("evidence").at("source"), "modified");
     EXPECT_EQ(item.at("physicalBytes"), test::peerAllocatedBytes(home + "/Films/holiday.mp4"));
     EXPECT_EQ(report.at("truncated"), false);
 

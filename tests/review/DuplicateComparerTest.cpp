@@ -7,10 +7,13 @@
 #include "base/UniqueFd.h"
 #include "core/ByteFormat.h"
 #include "reclaim/VaultPolicy.h"
+#include "reclaim/VaultTypes.h"
 #include "review/ContentDigest.h"
 
+#include <algorithm>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <map>
 #include <random>
 #include <set>
 #include <sstream>
@@ -345,7 +348,8 @@ TEST(DuplicateComparer, WithNoTimeToCompareEveryPairedByteIsUnconfirmed) {
     }
 }
 
-TEST(DuplicateComparer, SuggestsTheOldestCopyInTheOwnFolders) {
+// Every order of the same copies keeps the same one, and names the rule that decided it.
+TEST(DuplicateComparer, SuggestsTheOldestCopyInTheOwnFoldersWhateverTheOrder) {
     const std::string h = "/home/u";
     struct File {
         std::string path;
@@ -355,6 +359,7 @@ TEST(DuplicateComparer, SuggestsTheOldestCopyInTheOwnFolders) {
         const char* label;
         std::vector<File> files;
         std::string keep;
+        KeepRule rule;
     };
     const double lastYear = 1.70e9;
     const double earlier = 1.60e9;
@@ -363,22 +368,46 @@ TEST(DuplicateComparer, SuggestsTheOldestCopyInTheOwnFolders) {
          {{h + "/Downloads/a.bin", earlier},
           {h + "/Documents/a.bin", lastYear},
           {h + "/Downloads/b.bin", earlier}},
-         h + "/Documents/a.bin"},
+         h + "/Documents/a.bin",
+         KeepRule::ownFolders},
         {"own folders compare without case",
          {{h + "/x/a.bin", earlier}, {h + "/MUSIC/a.bin", lastYear}},
-         h + "/MUSIC/a.bin"},
+         h + "/MUSIC/a.bin",
+         KeepRule::ownFolders},
         {"a prefix of a folder's name is not that folder",
          {{h + "/DocumentsOld/a.bin", lastYear}, {h + "/x/a.bin", earlier}},
-         h + "/x/a.bin"},
+         h + "/x/a.bin",
+         KeepRule::oldest},
         {"older creation date",
          {{h + "/Pictures/new.bin", lastYear}, {h + "/Desktop/old.bin", earlier}},
-         h + "/Desktop/old.bin"},
+         h + "/Desktop/old.bin",
+         KeepRule::oldest},
+        {"oldest of the own folders, the rest elsewhere",
+         {{h + "/Pictures/b.bin", lastYear},
+          {h + "/Pictures/a.bin", earlier + 1},
+          {h + "/Downloads/a.bin", earlier}},
+         h + "/Pictures/a.bin",
+         KeepRule::oldest},
+        {"dates a fraction of a second apart",
+         {{h + "/x/a.bin", earlier + 0.5e-6}, {h + "/x/b.bin", earlier}},
+         h + "/x/b.bin",
+         KeepRule::oldest},
         {"shorter path on equal dates",
          {{h + "/longer/x.bin", earlier}, {h + "/x.bin", earlier}},
-         h + "/x.bin"},
+         h + "/x.bin",
+         KeepRule::shortestPath},
         {"first in order on equal lengths",
-         {{h + "/b/x.bin", earlier}, {h + "/a/x.bin", earlier}},
-         h + "/a/x.bin"},
+         {{h + "/b/x.bin", earlier}, {h + "/a/x.bin", earlier}, {h + "/c/x.bin", earlier}},
+         h + "/a/x.bin",
+         KeepRule::firstByName},
+        // Byte order, not the locale's: "é" (0xC3 0xA9) sorts after every ASCII letter, "B"
+        // before "a".
+        {"byte order of the paths",
+         {{h + "/Pictures/\xC3\xA9t\xC3\xA9.jpg", earlier},
+          {h + "/Pictures/Bbete.jpg", earlier},
+          {h + "/Pictures/abete.jpg", earlier}},
+         h + "/Pictures/Bbete.jpg",
+         KeepRule::firstByName},
     };
     for (const Case& c : cases) {
         std::vector<DuplicateFile> files;
@@ -388,8 +417,121 @@ TEST(DuplicateComparer, SuggestsTheOldestCopyInTheOwnFolders) {
             file.born = Timestamp::fromSeconds(f.born);
             files.push_back(file);
         }
-        EXPECT_EQ(suggestKeep(files, h), c.keep) << c.label;
+        std::sort(files.begin(), files.end(),
+                  [](const DuplicateFile& a, const DuplicateFile& b) { return a.path < b.path; });
+        do {
+            KeepChoice choice = chooseKeep(files, h);
+            EXPECT_EQ(choice.path, c.keep) << c.label << ", first " << files.front().path;
+            EXPECT_EQ(choice.rule, c.rule) << c.label << ", first " << files.front().path;
+        } while (std::next_permutation(
+            files.begin(), files.end(),
+            [](const DuplicateFile& a, const DuplicateFile& b) { return a.path < b.path; }));
     }
+}
+
+// Copies whose dates tie, made in reverse name order so that the disk's order, the walk's and
+// the readers' all differ from the names': whatever order the comparer is handed them in and
+// however many files it reads at once, it keeps the same copy and says why.
+TEST(DuplicateComparer, TiedCopiesKeepTheSameCopyWhateverTheOrderAndWorkers) {
+    const std::string h = test::freshFolder("dups-tie");
+    const std::string bytes = randomBytes(mib + 4096, 77);
+    const std::vector<std::string> names{"Pictures/2019/e.jpg", "Pictures/2019/d.jpg",
+                                         "Pictures/backup/c.jpg", "Pictures/2019/b.jpg",
+                                         "Pictures/copy/a.jpg"};
+    for (const std::string& name : names) {
+        put(h + "/" + name, bytes);
+    }
+    put(h + "/Pictures/elsewhere/longest-of-all.jpg", bytes);
+
+    DuplicateOptions options;
+    DuplicateCandidates walked = collectDuplicateCandidates({h, h}, options);
+    ASSERT_EQ(walked.walk.candidates.size(), names.size() + 1);
+    const Timestamp tie{1'600'000'000, 0};
+    for (ReviewCandidate& c : walked.walk.candidates) {
+        c.born = tie;
+    }
+    std::vector<std::vector<ReviewCandidate>> orders{walked.walk.candidates};
+    orders.emplace_back(walked.walk.candidates.rbegin(), walked.walk.candidates.rend());
+    std::vector<ReviewCandidate> shuffled = walked.walk.candidates;
+    std::shuffle(shuffled.begin(), shuffled.end(), std::mt19937_64(5));
+    orders.push_back(shuffled);
+
+    for (size_t o = 0; o < orders.size(); ++o) {
+        for (unsigned threads : {1U, 2U, 5U}) {
+            SCOPED_TRACE("order " + std::to_string(o) + ", " + std::to_string(threads) +
+                         " workers");
+            DuplicateComparer comparer;
+            comparer.options = options;
+            comparer.options.hashThreads = threads;
+            comparer.candidates = walked;
+            comparer.candidates.walk.candidates = orders[o];
+            DuplicateReport report = comparer.compare();
+            ASSERT_EQ(report.groups.size(), 1U);
+            const DuplicateGroup& group = report.groups[0];
+            EXPECT_EQ(group.files.size(), names.size() + 1);
+            // Equally old and equally long: the path that sorts first.
+            EXPECT_EQ(group.suggestedKeep, h + "/Pictures/2019/b.jpg");
+            EXPECT_EQ(group.keepRule, KeepRule::firstByName);
+        }
+    }
+}
+
+// A group whose every copy stays where it is says so once; what it holds is for the person to
+// review, not to give back.
+TEST(DuplicateComparer, GroupsInFoldersThatNeverMoveAreForReview) {
+    const std::string h = "/home/u";
+    auto groupOf = [&](std::vector<std::string> paths) {
+        DuplicateGroup group;
+        for (const std::string& path : paths) {
+            DuplicateFile file;
+            file.path = path;
+            file.physicalBytes = 1000;
+            group.files.push_back(file);
+        }
+        group.suggestedKeep = group.files.front().path;
+        return group;
+    };
+    const std::map<std::string, VaultDenyReason> denied{
+        {h + "/Pictures/a.jpg", VaultDenyReason::protectedUserDir},
+        {h + "/Pictures/b.jpg", VaultDenyReason::protectedUserDir},
+        {h + "/Dropbox/a.jpg", VaultDenyReason::cloudStorage},
+        {h + "/site/a.jpg", VaultDenyReason::gitWorkingTree},
+    };
+    StayVerdict verdictOf = [&](const std::string& path) -> std::optional<VaultDenyReason> {
+        auto found = denied.find(path);
+        return found == denied.end() ? std::nullopt : std::optional(found->second);
+    };
+    struct Case {
+        const char* label;
+        std::vector<std::string> paths;
+        bool stays;
+        std::uint64_t toReview;
+    };
+    const Case cases[] = {
+        {"all in the person's folders", {h + "/Pictures/a.jpg", h + "/Pictures/b.jpg"}, true, 1000},
+        {"own and cloud folders", {h + "/Pictures/a.jpg", h + "/Dropbox/a.jpg"}, true, 1000},
+        {"one copy elsewhere", {h + "/Pictures/a.jpg", h + "/x/a.jpg"}, false, 0},
+        {"kept elsewhere, the copy in Pictures to review",
+         {h + "/x/a.jpg", h + "/Pictures/a.jpg"},
+         false,
+         1000},
+        {"a Git project is not a folder that never moves",
+         {h + "/Pictures/a.jpg", h + "/site/a.jpg"},
+         false,
+         0},
+    };
+    for (const Case& c : cases) {
+        DuplicateGroup group = groupOf(c.paths);
+        EXPECT_EQ(everyCopyStays(group, verdictOf), c.stays) << c.label;
+        EXPECT_EQ(bytesToReview(group, verdictOf), c.toReview) << c.label;
+    }
+    EXPECT_EQ(duplicateTotalsText(2, 0, 3'000'000),
+              "2 groups · 3.0 MB duplicated in your own folders, for you to review");
+    EXPECT_EQ(duplicateTotalsText(1, 2'000'000, 0), "1 group · 2.0 MB could be given back");
+    EXPECT_EQ(duplicateTotalsText(3, 2'000'000, 3'000'000),
+              "3 groups · 2.0 MB could be given back, and 3.0 MB more is duplicated in your own "
+              "folders, for you to review");
+    EXPECT_EQ(duplicateTotalsText(1, 0, 0), "1 group · 0 bytes could be given back");
 }
 
 } // namespace

@@ -11,6 +11,7 @@
 #include <ctime>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <map>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 
@@ -247,6 +248,99 @@ TEST(LargeOld, AccessTimesCountOnlyWhereTheMountKeepsThem) {
             std::sort(listed.begin(), listed.end());
         }
         EXPECT_EQ(listed, expected);
+    }
+}
+
+// Each row says which date its verdict rests on and where that date came from: the record's
+// last open or addition when that is the latest thing known, else the file's own latest date.
+TEST(LargeOld, EvidenceNamesTheDateItRestsOn) {
+    const std::string home = test::freshFolder("large-old-source");
+    const double today = nowSeconds();
+    const double now = today + 500 * day;
+    struct Row {
+        const char* file;
+        platform::LastOpenedRecord record;
+        double modified; // later than the file's creation today when in the future
+        EvidenceKind kind;
+        DateSource source;
+        const char* then;
+    };
+    const double future = today + 10 * day;
+    const double past = today - 10 * day;
+    const Row rows[] = {
+        {"opened.iso",
+         {now - 400 * day, std::nullopt, true},
+         future,
+         EvidenceKind::opened,
+         DateSource::opened,
+         "opened then"},
+        {"opened before its change.iso",
+         {now - 700 * day, std::nullopt, true},
+         future,
+         EvidenceKind::opened,
+         DateSource::modified,
+         "modified then"},
+        {"added.iso",
+         {std::nullopt, now - 400 * day, true},
+         past,
+         EvidenceKind::notOpenedSince,
+         DateSource::added,
+         "added then"},
+        {"indexed, changed later.iso",
+         {std::nullopt, now - 700 * day, true},
+         future,
+         EvidenceKind::notOpenedSince,
+         DateSource::modified,
+         "modified then"},
+        {"created after its change.iso",
+         {},
+         past,
+         EvidenceKind::fileTimesOnly,
+         DateSource::added,
+         "added then"},
+        {"changed after its creation.iso",
+         {},
+         future,
+         EvidenceKind::fileTimesOnly,
+         DateSource::modified,
+         "modified then"},
+    };
+    std::map<std::string, platform::LastOpenedRecord> records;
+    for (const Row& row : rows) {
+        std::string path = home + "/Disks/" + row.file;
+        test::makeDirs(home + "/Disks");
+        test::writeFilledFile(path, 2 * mib);
+        setTimes(path, row.modified, row.modified);
+        records[path] = row.record;
+    }
+    LargeOldFinder finder = finderFor(home, now);
+    finder.options.minimumBytes = 2 * mib;
+    finder.reader = [&](const std::string& path, const platform::FileTimes&) {
+        return records.at(path);
+    };
+    LargeOldReport report = finder.find();
+    ASSERT_EQ(report.items.size(), std::size(rows));
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.file);
+        auto item =
+            std::find_if(report.items.begin(), report.items.end(), [&](const LargeOldItem& i) {
+                return i.path == home + "/Disks/" + row.file;
+            });
+        ASSERT_NE(item, report.items.end());
+        EXPECT_EQ(item->evidence.kind, row.kind);
+        EXPECT_EQ(item->evidence.source, row.source);
+        if (row.source == DateSource::opened) {
+            EXPECT_DOUBLE_EQ(item->evidence.date, *row.record.lastOpened);
+        } else if (row.source == DateSource::added && row.record.dateAdded) {
+            EXPECT_DOUBLE_EQ(item->evidence.date, *row.record.dateAdded);
+        } else if (row.source == DateSource::modified) {
+            EXPECT_NEAR(item->evidence.date, row.modified, 1e-6);
+        } else {
+            EXPECT_GT(item->evidence.date, row.modified); // created today, after its change
+        }
+        std::string text = evidenceText(item->evidence);
+        EXPECT_TRUE(text.starts_with("Not opened since ")) << text;
+        EXPECT_TRUE(text.ends_with(std::string(" · ") + row.then)) << text;
     }
 }
 
