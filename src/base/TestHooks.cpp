@@ -10,6 +10,7 @@ std::mutex lock;
 std::function<void(const std::string&)> beforeOpen;
 std::function<void()> hashed;
 std::function<void()> scanResult;
+std::function<void()> historySave;
 
 void run(const std::function<void()>& slot) {
     std::function<void()> hook;
@@ -55,6 +56,15 @@ void setBeforeScanResult(std::function<void()> hook) {
 
 void beforeScanResult() {
     run(scanResult);
+}
+
+void setMidHistorySave(std::function<void()> hook) {
+    std::lock_guard guard(lock);
+    historySave = std::move(hook);
+}
+
+void midHistorySave() {
+    run(historySave);
 }
 
 } // namespace sd::testhooks

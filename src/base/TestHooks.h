@@ -20,6 +20,10 @@ void afterHashing();
 // superseded it, where a test starts that newer scan.
 void setBeforeScanResult(std::function<void()> hook);
 void beforeScanResult();
+// Half-way through writing a scan to the history, inside its transaction, where a test ends the
+// process as a power cut would.
+void setMidHistorySave(std::function<void()> hook);
+void midHistorySave();
 #else
 inline constexpr bool enabled = false;
 inline void beforeOpenDirectory(const std::string&) {}
@@ -27,6 +31,8 @@ inline void setAfterHashing(std::function<void()>) {}
 inline void afterHashing() {}
 inline void setBeforeScanResult(std::function<void()>) {}
 inline void beforeScanResult() {}
+inline void setMidHistorySave(std::function<void()>) {}
+inline void midHistorySave() {}
 #endif
 
 } // namespace sd::testhooks

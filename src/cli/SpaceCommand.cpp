@@ -1,6 +1,7 @@
 #include "cli/SpaceCommand.h"
 
 #include "base/CleanerError.h"
+#include "cli/HistoryCommand.h"
 #include "cli/Terminal.h"
 #include "core/ByteFormat.h"
 #include "core/PathRules.h"
@@ -23,6 +24,7 @@ struct SpaceOptions {
     std::optional<double> budget;
     int depth = defaultSpaceScanOptions.maxDepth;
     unsigned workers = 0;
+    SpaceHistoryOptions history;
 };
 
 // The line the terminal redraws while a scan runs, with the big finds since the last call each
@@ -166,6 +168,7 @@ void addSpaceCommand(CLI::App& app, int& exitStatus) {
         ->check(CLI::Range(1, SpaceTreeScanner::maxNestingDepth));
     // For benchmarks that compare worker counts; people never need it, so it is not listed.
     command->add_option("--workers", options->workers)->check(CLI::Range(1, 256))->group("");
+    addSpaceHistoryOptions(*command, options->history);
     command->callback([options, &exitStatus] {
         SpaceTreeScanner scanner;
         scanner.options.maxDepth = options->depth;
@@ -185,6 +188,9 @@ void addSpaceCommand(CLI::App& app, int& exitStatus) {
         }
         if (result.rootError) {
             exitStatus = 1;
+        }
+        if (finishSpaceScan(result, options->history, options->json, exitStatus)) {
+            return;
         }
         if (options->json) {
             std::cout << toJson(result).dump(2, ' ', false,

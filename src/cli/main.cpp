@@ -1,4 +1,6 @@
 #include "cli/AssistantCommand.h"
+#include "cli/DiskCommand.h"
+#include "cli/HistoryCommand.h"
 #include "cli/MeasureCommand.h"
 #include "cli/ReclaimCommands.h"
 #include "cli/ReviewCommands.h"
@@ -28,6 +30,8 @@ int main(int argc, char** argv) {
     sd::cli::addDuplicatesCommand(app, exitStatus);
     sd::cli::addLargeOldCommand(app, exitStatus);
     sd::cli::addSpaceCommand(app, exitStatus);
+    sd::cli::addDiskCommand(app, exitStatus);
+    sd::cli::addHistoryCommand(app, exitStatus);
     sd::cli::addSnapshotsCommand(app, exitStatus);
     sd::cli::addAssistantCommand(app, exitStatus);
     try {
