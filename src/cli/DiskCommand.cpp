@@ -117,6 +117,7 @@ void addDiskCommand(CLI::App& app, int& exitStatus) {
     command->callback([options, &exitStatus] {
         DiskSurvey survey;
         survey.homeBudget = options->budget;
+        survey.homeScanned = [](const SpaceScanResult& scan) { keepInHistory(scan); };
         DiskReport report;
         OperationProgress progress;
         try {
@@ -130,9 +131,6 @@ void addDiskCommand(CLI::App& app, int& exitStatus) {
             std::fprintf(stderr, "%s\n", error.what());
             exitStatus = 1;
             return;
-        }
-        if (survey.homeScan()) {
-            keepInHistory(*survey.homeScan());
         }
         if (options->json) {
             std::cout << toJson(report).dump(2, ' ', false,

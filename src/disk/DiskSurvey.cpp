@@ -38,6 +38,7 @@ public:
                 return WalkStep::skip;
             }
             measure_.bytes = saturatingAdd(measure_.bytes, allocatedBytesOf(st));
+            measure_.folderBytes = saturatingAdd(measure_.folderBytes, allocatedBytesOf(st));
             return WalkStep::enter;
         }
         if (ledger_.countOnce(st)) {
@@ -134,7 +135,9 @@ PlaceMeasure measurePlace(const std::string& path, const std::stop_token& stop,
     measure.exists = true;
     measure.device = static_cast<std::uint64_t>(st->st_dev);
     measure.bytes = allocatedBytesOf(*st);
-    if (!S_ISDIR(st->st_mode)) {
+    if (S_ISDIR(st->st_mode)) {
+        measure.folderBytes = measure.bytes;
+    } else {
         measure.fileCount = S_ISREG(st->st_mode) ? 1 : 0;
         return measure;
     }
@@ -304,6 +307,9 @@ DiskReport DiskSurvey::survey(const std::stop_token& stop, OperationProgress* pr
     SpaceTreeScanner scanner;
     scanner.budget = homeBudget;
     homeScan_ = scanner.scan(home, stop, progress);
+    if (homeScanned) {
+        homeScanned(*homeScan_);
+    }
 
     if (progress != nullptr) {
         progress->setPhase("Measuring the system's folders");
@@ -366,9 +372,10 @@ DiskReport DiskSurvey::survey(const std::stop_token& stop, OperationProgress* pr
                     examplesOn[device].push_back(example);
                 }
             }
-            // The home scan measured this place too; it is shown in its own row instead.
+            // The home scan measured this place's files too (folders' own blocks it leaves
+            // out); they are shown in their own row instead.
             if (device == homeFigures->device && insideOrSame(path, home)) {
-                carvedFromHome = saturatingAdd(carvedFromHome, m.bytes);
+                carvedFromHome = saturatingAdd(carvedFromHome, m.bytes - m.folderBytes);
             }
         }
         if (plan.id == "apps" && debianBytes && parts.empty()) {

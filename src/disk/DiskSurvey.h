@@ -5,6 +5,7 @@
 #include "space/SpaceTreeScanner.h"
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <stop_token>
 #include <string>
@@ -21,6 +22,7 @@ struct PlaceMeasure {
     std::string path;
     std::uint64_t device = 0;
     std::uint64_t bytes = 0; // allocated bytes, folders' own blocks included, hard links once
+    std::uint64_t folderBytes = 0; // of which folders' own blocks
     std::uint64_t fileCount = 0;
     std::uint64_t unreadableFolders = 0;
     std::vector<std::string> unreadableExamples; // the first few, for the sentence
@@ -84,6 +86,9 @@ public:
     std::optional<double> homeBudget;
     // How many places are measured at once.
     unsigned workers = 4;
+    // Called with the home scan as soon as it is done, before anything else is measured (the
+    // scan history keeps it), so what it writes is in the figures read at the end.
+    std::function<void(const SpaceScanResult&)> homeScanned;
 
     // Measures the file system holding the home (and the root one when it is another). Reads
     // only. Throws CleanerError "Operation cancelled" once `stop` is requested.
