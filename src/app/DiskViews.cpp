@@ -34,8 +34,8 @@ QString text(const std::string& s) {
 }
 
 QString signedBytes(std::int64_t delta) {
-    std::uint64_t size = delta < 0 ? static_cast<std::uint64_t>(-delta)
-                                   : static_cast<std::uint64_t>(delta);
+    std::uint64_t size =
+        delta < 0 ? static_cast<std::uint64_t>(-delta) : static_cast<std::uint64_t>(delta);
     return (delta < 0 ? QStringLiteral("−") : QStringLiteral("+")) + bytesText(size);
 }
 
@@ -85,9 +85,8 @@ void StorageBar::refresh(std::optional<std::uint64_t> homeBytes) {
     }
     const platform::VolumeFigures& f = *figures_;
     summary_->setText(QStringLiteral("%1 (%2): %3 used, %4 free of %5.")
-                          .arg(text(f.mountPoint), text(f.fileSystemType),
-                               bytesText(f.usedBytes), bytesText(f.freeBytes),
-                               bytesText(f.totalBytes)));
+                          .arg(text(f.mountPoint), text(f.fileSystemType), bytesText(f.usedBytes),
+                               bytesText(f.freeBytes), bytesText(f.totalBytes)));
     segments_.clear();
     if (homeBytes && *homeBytes <= f.usedBytes) {
         segments_.push_back({QStringLiteral("Your home folder"), *homeBytes,
@@ -126,8 +125,8 @@ void StorageBar::showReport(const DiskReport& report) {
                             QStringLiteral(" (Sparrowdeck never runs it).");
             }
             segments_.push_back({text(row.title), row.bytes, sentence});
-            lines << QStringLiteral("%1 — %2. %3").arg(text(row.title), bytesText(row.bytes),
-                                                      sentence);
+            lines << QStringLiteral("%1 — %2. %3")
+                         .arg(text(row.title), bytesText(row.bytes), sentence);
         }
         segments_.push_back({QStringLiteral("The unexplained rest"), volume.unexplainedBytes,
                              text(volume.unexplainedSentence)});
@@ -167,10 +166,9 @@ bool StorageBar::event(QEvent* e) {
         int i = segmentAt(help->pos());
         if (i >= 0) {
             const Segment& s = segments_[static_cast<size_t>(i)];
-            QToolTip::showText(help->globalPos(),
-                               QStringLiteral("%1 — %2\n%3")
-                                   .arg(s.title, bytesText(s.bytes), s.sentence),
-                               this);
+            QToolTip::showText(
+                help->globalPos(),
+                QStringLiteral("%1 — %2\n%3").arg(s.title, bytesText(s.bytes), s.sentence), this);
         } else {
             QToolTip::hideText();
         }
@@ -213,8 +211,8 @@ ChangesPanel::ChangesPanel(QWidget* parent) : QWidget(parent) {
     layout->addWidget(headline_);
     list_ = new QTreeWidget;
     list_->setColumnCount(3);
-    list_->setHeaderLabels({QStringLiteral("Change"), QStringLiteral("Folder"),
-                            QStringLiteral("Now")});
+    list_->setHeaderLabels(
+        {QStringLiteral("Change"), QStringLiteral("Folder"), QStringLiteral("Now")});
     list_->setRootIsDecorated(false);
     list_->setUniformRowHeights(true);
     list_->header()->setSectionResizeMode(0, QHeaderView::ResizeToContents);
@@ -266,7 +264,7 @@ void ChangesPanel::recordScan(const SpaceTree& tree) {
             }
             headline_->setText(line);
             for (const FolderChange& c : outcome.changes) {
-                QString kind = c.kind == ChangeKind::appeared  ? QStringLiteral(" (new)")
+                QString kind = c.kind == ChangeKind::appeared   ? QStringLiteral(" (new)")
                                : c.kind == ChangeKind::vanished ? QStringLiteral(" (gone)")
                                                                 : QString();
                 auto* item = new QTreeWidgetItem(

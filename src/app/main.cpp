@@ -5,9 +5,9 @@
 
 #include <QApplication>
 #include <QIcon>
-#include <memory>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 
 int main(int argc, char** argv) {
     bool tray = false;

@@ -117,7 +117,9 @@ void addDiskCommand(CLI::App& app, int& exitStatus) {
     command->callback([options, &exitStatus] {
         DiskSurvey survey;
         survey.homeBudget = options->budget;
-        survey.homeScanned = [](const SpaceScanResult& scan) { keepInHistory(scan); };
+        survey.homeScanned = [](const SpaceScanResult& scan) {
+            keepInHistory(scan);
+        };
         DiskReport report;
         OperationProgress progress;
         try {

@@ -55,8 +55,8 @@ std::string dateText(std::int64_t at) {
 }
 
 std::string signedBytes(std::int64_t delta) {
-    std::uint64_t size = delta < 0 ? static_cast<std::uint64_t>(-delta)
-                                   : static_cast<std::uint64_t>(delta);
+    std::uint64_t size =
+        delta < 0 ? static_cast<std::uint64_t>(-delta) : static_cast<std::uint64_t>(delta);
     return (delta < 0 ? "−" : "+") + formatBytes(size);
 }
 
@@ -80,8 +80,8 @@ void reportNotice(const ScanHistory& history) {
     }
 }
 
-bool printChanges(ScanHistory& history, std::int64_t currentId, const std::string& since,
-                  bool json, int& exitStatus) {
+bool printChanges(ScanHistory& history, std::int64_t currentId, const std::string& since, bool json,
+                  int& exitStatus) {
     std::optional<ScanSnapshot> current = history.load(currentId);
     std::optional<std::int64_t> before;
     if (!since.empty()) {
@@ -113,9 +113,8 @@ bool printChanges(ScanHistory& history, std::int64_t currentId, const std::strin
                            {"currentScan", {{"id", current->id}, {"takenAt", current->takenAt}}},
                            {"changes", std::move(list)}};
         if (older) {
-            out["baselineScan"] = {{"id", older->id},
-                                   {"takenAt", older->takenAt},
-                                   {"isComplete", older->isComplete}};
+            out["baselineScan"] = {
+                {"id", older->id}, {"takenAt", older->takenAt}, {"isComplete", older->isComplete}};
         } else {
             out["baselineScan"] = nullptr;
         }
@@ -224,8 +223,8 @@ void addHistoryCommand(CLI::App& app, int& exitStatus) {
     command->add_option("path", options->path, "A folder that was scanned (default: the home)");
     command->add_flag("--json", options->json, "Write the list as JSON");
     command->callback([options, &exitStatus] {
-        std::string root = options->path.empty() ? platform::homeDirectory()
-                                                 : normalizePath(options->path);
+        std::string root =
+            options->path.empty() ? platform::homeDirectory() : normalizePath(options->path);
         try {
             ScanHistory history(ScanHistory::defaultFile());
             reportNotice(history);

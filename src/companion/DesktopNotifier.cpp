@@ -24,8 +24,8 @@ DesktopNotifier::DesktopNotifier(QDBusConnection bus, QObject* parent)
 }
 
 bool DesktopNotifier::send(const Notice& notice, QString* why) {
-    QDBusMessage call = QDBusMessage::createMethodCall(service, path, interface,
-                                                       QStringLiteral("Notify"));
+    QDBusMessage call =
+        QDBusMessage::createMethodCall(service, path, interface, QStringLiteral("Notify"));
     QVariantMap hints;
     hints.insert(QStringLiteral("desktop-entry"), QStringLiteral("org.sparrowdeck.Sparrowdeck"));
     hints.insert(QStringLiteral("urgency"),

@@ -66,8 +66,7 @@ FreeSpaceForecast forecastFreeSpace(std::span<const FreeSpaceSample> samples, st
     // only in part (the first and the last) sits where its samples were.
     std::vector<std::pair<double, double>> days;
     for (const auto& [number, day] : byDay) {
-        days.emplace_back(day.timeSum / static_cast<double>(day.values.size()),
-                          median(day.values));
+        days.emplace_back(day.timeSum / static_cast<double>(day.values.size()), median(day.values));
     }
     // Slopes between days up to four apart: far enough apart to average out a noisy day,
     // near enough that the few pairs spanning one sudden step stay a minority.

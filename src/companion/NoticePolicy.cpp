@@ -63,19 +63,21 @@ NoticeState NoticeState::fromJson(std::string_view text) {
 std::vector<Notice> decideNotices(NoticeState& state, const Observation& o) {
     std::vector<Notice> notices;
     std::erase_if(state.sentAt, [&](std::int64_t at) { return o.now - at >= 30 * secondsPerDay; });
-    auto roomThisMonth = [&] { return state.sentAt.size() < noticesPerMonth; };
+    auto roomThisMonth = [&] {
+        return state.sentAt.size() < noticesPerMonth;
+    };
 
     if (o.totalBytes > 0 && o.freeBytes < lowSpaceBytes && state.lowSpaceArmed) {
         state.lowSpaceArmed = false;
-        std::string body = "Only " + formatBytes(o.freeBytes) + " of " +
-                           formatBytes(o.totalBytes) + " is free.";
+        std::string body =
+            "Only " + formatBytes(o.freeBytes) + " of " + formatBytes(o.totalBytes) + " is free.";
         std::string forecast = o.forecast.sentence();
         if (!forecast.empty()) {
             body += " " + forecast;
         }
         body += " The Sweep shows what comes back by itself.";
-        notices.push_back({NoticeKind::lowSpace, "Your disk is almost full", body,
-                           ReviewScreen::sweep});
+        notices.push_back(
+            {NoticeKind::lowSpace, "Your disk is almost full", body, ReviewScreen::sweep});
     } else if (o.freeBytes >= lowSpaceRearmBytes) {
         state.lowSpaceArmed = true;
     }
@@ -84,16 +86,16 @@ std::vector<Notice> decideNotices(NoticeState& state, const Observation& o) {
     if (isLocalSunday(o.now) && state.lastDigestWeek != week && roomThisMonth()) {
         state.lastDigestWeek = week;
         state.sentAt.push_back(o.now);
-        std::string body = formatBytes(o.freeBytes) + " of " + formatBytes(o.totalBytes) +
-                           " is free";
-        body += o.freeWeekAgo ? " (" + signedBytes(o.freeBytes, *o.freeWeekAgo) + " this week)."
-                              : ".";
+        std::string body =
+            formatBytes(o.freeBytes) + " of " + formatBytes(o.totalBytes) + " is free";
+        body +=
+            o.freeWeekAgo ? " (" + signedBytes(o.freeBytes, *o.freeWeekAgo) + " this week)." : ".";
         std::string forecast = o.forecast.sentence();
         if (!forecast.empty()) {
             body += " " + forecast;
         }
-        notices.push_back({NoticeKind::weeklyDigest, "Your disk this week", body,
-                           ReviewScreen::spaceMap});
+        notices.push_back(
+            {NoticeKind::weeklyDigest, "Your disk this week", body, ReviewScreen::spaceMap});
     }
 
     std::vector<const Leftover*> fresh;
@@ -116,8 +118,8 @@ std::vector<Notice> decideNotices(NoticeState& state, const Observation& o) {
                 : std::to_string(fresh.size()) + " removed apps left " + formatBytes(bytes) +
                       " behind.";
         body += " Nothing was moved; review it to decide.";
-        notices.push_back({NoticeKind::leftovers, "Removed apps left data behind", body,
-                           ReviewScreen::apps});
+        notices.push_back(
+            {NoticeKind::leftovers, "Removed apps left data behind", body, ReviewScreen::apps});
     }
     return notices;
 }

@@ -45,7 +45,7 @@ inline constexpr size_t noticesPerMonth = 6;
 // What the companion has said, kept as JSON between runs.
 struct NoticeState {
     bool lowSpaceArmed = true;
-    std::int64_t lastDigestWeek = -1;      // the week (Monday-based, local) of the last digest
+    std::int64_t lastDigestWeek = -1;       // the week (Monday-based, local) of the last digest
     std::vector<std::string> leftoversTold; // app ids already mentioned
     std::vector<std::int64_t> sentAt;       // digests and leftovers notices of the last 30 days
 

@@ -72,8 +72,8 @@ QString TrayShell::start() {
         connect(menu_->addAction(QStringLiteral("Sweep Now")), &QAction::triggered, this,
                 &TrayShell::sweepNow);
         menu_->addSeparator();
-        connect(menu_->addAction(QStringLiteral("Quit Companion")), &QAction::triggered,
-                qApp, &QCoreApplication::quit);
+        connect(menu_->addAction(QStringLiteral("Quit Companion")), &QAction::triggered, qApp,
+                &QCoreApplication::quit);
         tray_ = new QSystemTrayIcon(QApplication::windowIcon(), this);
         tray_->setToolTip(QStringLiteral("Sparrowdeck"));
         tray_->setContextMenu(menu_.get());
@@ -122,9 +122,8 @@ void TrayShell::refreshMenu() {
                        .arg(QString::fromStdString(formatBytes(s.freeBytes)),
                             QString::fromStdString(formatBytes(s.totalBytes))));
     std::string forecast = s.forecast.sentence();
-    forecast_->setText(forecast.empty()
-                           ? QStringLiteral("Not enough history yet for a forecast.")
-                           : QString::fromStdString(forecast));
+    forecast_->setText(forecast.empty() ? QStringLiteral("Not enough history yet for a forecast.")
+                                        : QString::fromStdString(forecast));
     platform::UserDefaults store = platform::UserDefaults::standard();
     std::optional<SweepRecord> record = Sweep::lastRecord(store);
     if (record) {

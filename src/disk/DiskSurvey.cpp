@@ -29,7 +29,8 @@ class PlaceVisitor {
 public:
     struct Folder {};
 
-    PlaceVisitor(PlaceMeasure& measure, std::uint64_t device) : measure_(measure), device_(device) {}
+    PlaceVisitor(PlaceMeasure& measure, std::uint64_t device)
+        : measure_(measure), device_(device) {}
 
     WalkStep visit(Folder&, const WalkEntry& entry) {
         const struct stat& st = entry.stat();
@@ -253,8 +254,7 @@ DiskVolume assembleVolume(const platform::VolumeFigures& figures, bool holdsHome
             "accounts' folders, and the file system's own records.";
     } else if (unreadable > 0) {
         volume.unexplainedSentence =
-            "Mostly folders this account cannot read (" +
-            plural(unreadable, "folder", "folders") +
+            "Mostly folders this account cannot read (" + plural(unreadable, "folder", "folders") +
             (unreadableExamples.empty() ? std::string()
                                         : ", among them " + joinedExamples(unreadableExamples)) +
             "), and everything no row names, such as programs' data in /var/lib and other "
@@ -348,8 +348,7 @@ DiskReport DiskSurvey::survey(const std::stop_token& stop, OperationProgress* pr
     homeRow.paths = {home};
     homeRow.sentence = "Your own files, and the settings and caches your apps keep for you. The "
                        "Space Map shows what is inside.";
-    homeRow.isComplete =
-        !homeTree.isTruncated && homeTree.root.isComplete && !homeScan_->rootError;
+    homeRow.isComplete = !homeTree.isTruncated && homeTree.root.isComplete && !homeScan_->rootError;
     if (homeTree.isTruncated) {
         homeRow.sentence += " The scan stopped at its time limit, so part of it is counted in "
                             "the unexplained rest.";
@@ -417,10 +416,9 @@ DiskReport DiskSurvey::survey(const std::stop_token& stop, OperationProgress* pr
             report.warnings.push_back(error);
             continue;
         }
-        report.volumes.push_back(assembleVolume(*figures, path == home,
-                                                std::move(rowsOn[figures->device]),
-                                                report.readsEverything,
-                                                examplesOn[figures->device]));
+        report.volumes.push_back(
+            assembleVolume(*figures, path == home, std::move(rowsOn[figures->device]),
+                           report.readsEverything, examplesOn[figures->device]));
     }
     return report;
 }

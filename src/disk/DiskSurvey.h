@@ -21,7 +21,7 @@ namespace sd {
 struct PlaceMeasure {
     std::string path;
     std::uint64_t device = 0;
-    std::uint64_t bytes = 0; // allocated bytes, folders' own blocks included, hard links once
+    std::uint64_t bytes = 0;       // allocated bytes, folders' own blocks included, hard links once
     std::uint64_t folderBytes = 0; // of which folders' own blocks
     std::uint64_t fileCount = 0;
     std::uint64_t unreadableFolders = 0;

@@ -25,8 +25,8 @@ Database::Database(const std::string& file, Create create) {
     }
     int rc = sqlite3_open_v2(file.c_str(), &db_, flags, nullptr);
     if (rc != SQLITE_OK) {
-        std::string message = "Opening " + file + ": " +
-                              (db_ != nullptr ? sqlite3_errmsg(db_) : sqlite3_errstr(rc));
+        std::string message =
+            "Opening " + file + ": " + (db_ != nullptr ? sqlite3_errmsg(db_) : sqlite3_errstr(rc));
         sqlite3_close(db_);
         db_ = nullptr;
         throw DatabaseError(rc & 0xff, message);
@@ -87,8 +87,7 @@ Statement& Statement::bind(int index, std::uint64_t value) {
 }
 
 Statement& Statement::bind(int index, std::string_view value) {
-    sqlite3_bind_text(stmt_, index, value.data(), static_cast<int>(value.size()),
-                      SQLITE_TRANSIENT);
+    sqlite3_bind_text(stmt_, index, value.data(), static_cast<int>(value.size()), SQLITE_TRANSIENT);
     return *this;
 }
 

@@ -205,13 +205,16 @@ std::int64_t ScanHistory::save(const ScanSnapshot& snapshot) {
         .bind(6, static_cast<std::uint64_t>(snapshot.folders.size()))
         .run();
     std::int64_t id = db_->lastInsertId();
-    history::Statement insert = db_->prepare(
-        "INSERT INTO folders (scan_id, path, bytes, file_count, latest_change) VALUES "
-        "(?, ?, ?, ?, ?)");
+    history::Statement insert =
+        db_->prepare("INSERT INTO folders (scan_id, path, bytes, file_count, latest_change) VALUES "
+                     "(?, ?, ?, ?, ?)");
     for (size_t i = 0; i < snapshot.folders.size(); ++i) {
         const SnapshotFolder& f = snapshot.folders[i];
-        insert.bind(1, id).bind(2, f.path).bind(3, f.bytes).bind(4, f.fileCount).bind(
-            5, f.latestChange);
+        insert.bind(1, id)
+            .bind(2, f.path)
+            .bind(3, f.bytes)
+            .bind(4, f.fileCount)
+            .bind(5, f.latestChange);
         insert.run();
         if (i == snapshot.folders.size() / 2) {
             testhooks::midHistorySave();
@@ -241,8 +244,8 @@ std::optional<ScanSnapshot> ScanHistory::load(std::int64_t id) const {
     if (!scan.step()) {
         return std::nullopt;
     }
-    ScanSnapshot snapshot{id,           scan.text(0),         scan.integer(1), scan.count(2),
-                          scan.count(3), scan.integer(4) != 0, {}};
+    ScanSnapshot snapshot{
+        id, scan.text(0), scan.integer(1), scan.count(2), scan.count(3), scan.integer(4) != 0, {}};
     history::Statement folders = db_->prepare("SELECT path, bytes, file_count, latest_change "
                                               "FROM folders WHERE scan_id = ? ORDER BY path");
     folders.bind(1, id);

@@ -35,7 +35,7 @@ struct ScanSnapshot {
     std::int64_t takenAt = 0; // seconds since the epoch
     std::uint64_t totalBytes = 0;
     std::uint64_t fileCount = 0;
-    bool isComplete = true;             // the scan was not cut short
+    bool isComplete = true;              // the scan was not cut short
     std::vector<SnapshotFolder> folders; // sorted by path
 
     friend bool operator==(const ScanSnapshot&, const ScanSnapshot&) = default;

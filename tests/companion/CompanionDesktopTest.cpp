@@ -38,7 +38,9 @@ struct World {
                     f.usedBytes = f.totalBytes - free;
                     return f;
                 },
-                [] { return std::vector<Leftover>{}; }};
+                [] {
+                    return std::vector<Leftover>{};
+                }};
     }
 };
 
@@ -72,9 +74,9 @@ private slots:
         }
         QDBusConnection bus = QDBusConnection::sessionBus();
         QVERIFY(bus.isConnected());
-        QVERIFY2(!bus.interface()->isServiceRegistered(
-                      QStringLiteral("org.freedesktop.Notifications")),
-                 "a real notification server is on this bus");
+        QVERIFY2(
+            !bus.interface()->isServiceRegistered(QStringLiteral("org.freedesktop.Notifications")),
+            "a real notification server is on this bus");
         const QString folder = QString::fromStdString(freshFolder("companion-dbus"));
         const QString log = folder + QStringLiteral("/notices.jsonl");
         QDBusServiceWatcher watcher(QStringLiteral("org.freedesktop.Notifications"), bus,

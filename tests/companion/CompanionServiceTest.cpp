@@ -25,8 +25,7 @@ TEST(CompanionService, FindsFlatpakDataWhoseAppIsGone) {
     EXPECT_EQ(found[0].appId, "org.example.Gone");
     EXPECT_EQ(found[0].path, home + "/.var/app/org.example.Gone");
     EXPECT_EQ(std::to_string(found[0].bytes) + "\n",
-              test::runShell("du -s -B1 " + test::shellQuote(found[0].path) + " | cut -f1")
-                  .output);
+              test::runShell("du -s -B1 " + test::shellQuote(found[0].path) + " | cut -f1").output);
     EXPECT_TRUE(findFlatpakLeftovers(test::freshFolder("no-flatpak"), data, system).empty());
 }
 
@@ -35,15 +34,16 @@ TEST(CompanionService, SamplesEveryHalfHourAndRemembersWhatItSaid) {
     std::int64_t now = 1'700'006'400;
     std::uint64_t free = 9 * GB;
     std::vector<Leftover> leftovers{{"org.example.Gone", "/x", 5}};
-    CompanionService::Sources sources{
-        [&] { return now; },
-        [&]() -> std::optional<platform::VolumeFigures> {
-            platform::VolumeFigures f;
-            f.freeBytes = free;
-            f.totalBytes = 100 * GB;
-            return f;
-        },
-        [&] { return leftovers; }};
+    CompanionService::Sources sources{[&] { return now; },
+                                      [&]() -> std::optional<platform::VolumeFigures> {
+                                          platform::VolumeFigures f;
+                                          f.freeBytes = free;
+                                          f.totalBytes = 100 * GB;
+                                          return f;
+                                      },
+                                      [&] {
+                                          return leftovers;
+                                      }};
     std::vector<NoticeKind> said;
     auto look = [&](CompanionService& service) {
         for (const Notice& n : service.tick()) {

@@ -40,10 +40,10 @@ public slots:
         }
         if (press_ && actions.contains(QStringLiteral("review"))) {
             QTimer::singleShot(0, this, [id] {
-                QDBusMessage signal = QDBusMessage::createSignal(
-                    QStringLiteral("/org/freedesktop/Notifications"),
-                    QStringLiteral("org.freedesktop.Notifications"),
-                    QStringLiteral("ActionInvoked"));
+                QDBusMessage signal =
+                    QDBusMessage::createSignal(QStringLiteral("/org/freedesktop/Notifications"),
+                                               QStringLiteral("org.freedesktop.Notifications"),
+                                               QStringLiteral("ActionInvoked"));
                 signal << id << QStringLiteral("review");
                 QDBusConnection::sessionBus().send(signal);
             });

@@ -45,8 +45,8 @@ TEST(Forecast, FitsTwoWeeksOfSamples) {
         {"noisy but steady", history(14, [](double ago) { return 70 * GB + noise(ago); }),
          Kind::steady, 0},
         {"noisy decline of 1 GB a day from 20 GB",
-         history(14, [](double ago) { return 20 * GB + 1 * GB * ago + noise(ago); }),
-         Kind::filling, 20},
+         history(14, [](double ago) { return 20 * GB + 1 * GB * ago + noise(ago); }), Kind::filling,
+         20},
         {"growing free space is steady",
          history(14, [](double ago) { return 50 * GB - 1 * GB * ago; }), Kind::steady, 0},
         {"a decline too slow to matter within a year",
@@ -57,10 +57,9 @@ TEST(Forecast, FitsTwoWeeksOfSamples) {
         {"old samples outside the two weeks do not count",
          [] {
              auto old = history(40, [](double ago) { return 10 * GB + GB * ago; });
-             old.erase(std::remove_if(old.begin(), old.end(),
-                                      [](const FreeSpaceSample& s) {
-                                          return s.takenAt > now - 20 * day;
-                                      }),
+             old.erase(std::remove_if(
+                           old.begin(), old.end(),
+                           [](const FreeSpaceSample& s) { return s.takenAt > now - 20 * day; }),
                        old.end());
              return old;
          }(),

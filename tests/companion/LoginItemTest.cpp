@@ -21,8 +21,8 @@ TEST(LoginItem, AnAutostartEntryThatDesktopsAcceptComesAndGoes) {
         std::ifstream in(entry);
         std::stringstream text;
         text << in.rdbuf();
-        std::string quoted = program.find(' ') == std::string::npos ? program
-                                                                     : "\"" + program + "\"";
+        std::string quoted =
+            program.find(' ') == std::string::npos ? program : "\"" + program + "\"";
         EXPECT_NE(text.str().find("\nExec=" + quoted + " --tray\n"), std::string::npos)
             << text.str();
         if (test::haveTool("desktop-file-validate")) {

@@ -77,12 +77,9 @@ TEST_F(NoticePolicy, ADigestComesOnceEachSunday) {
         Kinds expected;
     };
     const std::vector<Step> steps{
-        {wednesday, {}},
-        {sunday + 9 * hour, {NoticeKind::weeklyDigest}},
-        {sunday + 10 * hour, {}},
-        {sunday + 23 * hour, {}},
-        {sunday + 3 * day, {}},
-        {sunday + 7 * day, {NoticeKind::weeklyDigest}},
+        {wednesday, {}},          {sunday + 9 * hour, {NoticeKind::weeklyDigest}},
+        {sunday + 10 * hour, {}}, {sunday + 23 * hour, {}},
+        {sunday + 3 * day, {}},   {sunday + 7 * day, {NoticeKind::weeklyDigest}},
     };
     for (const Step& s : steps) {
         SCOPED_TRACE(s.at);

@@ -17,11 +17,11 @@ struct CliRun {
 };
 
 CliRun disk(const std::string& home, const std::string& prefix = {}) {
-    test::CommandResult r = test::runShell(
-        prefix + "env SPARROWDECK_HOME=" + test::shellQuote(home) +
-        " XDG_DATA_HOME=" + test::shellQuote(home + "/.local/share") +
-        " XDG_CONFIG_HOME=" + test::shellQuote(home + "/.config") + " " SPARROWDECK_CLI
-        " disk --json --budget 20 2>/dev/null");
+    test::CommandResult r =
+        test::runShell(prefix + "env SPARROWDECK_HOME=" + test::shellQuote(home) +
+                       " XDG_DATA_HOME=" + test::shellQuote(home + "/.local/share") +
+                       " XDG_CONFIG_HOME=" + test::shellQuote(home + "/.config") +
+                       " " SPARROWDECK_CLI " disk --json --budget 20 2>/dev/null");
     return {r.status, r.output};
 }
 
@@ -35,9 +35,9 @@ std::uint64_t sumOf(const nlohmann::json& volume) {
 
 // df's own figures for the file system holding `path`: size, used, available.
 std::vector<std::uint64_t> dfFigures(const std::string& path) {
-    std::string out = test::runShell("df -B1 --output=size,used,avail " + test::shellQuote(path) +
-                                     " | tail -1")
-                          .output;
+    std::string out =
+        test::runShell("df -B1 --output=size,used,avail " + test::shellQuote(path) + " | tail -1")
+            .output;
     std::istringstream in(out);
     std::vector<std::uint64_t> figures(3);
     in >> figures[0] >> figures[1] >> figures[2];
@@ -61,8 +61,8 @@ class DiskCommand : public ::testing::Test {
 protected:
     void SetUp() override {
         std::string whyNot;
-        volume_ = test::LoopVolume::mount("ext4", test::freshFolder("disk-volume") + "/mnt",
-                                          whyNot);
+        volume_ =
+            test::LoopVolume::mount("ext4", test::freshFolder("disk-volume") + "/mnt", whyNot);
         if (!volume_) {
             GTEST_SKIP() << whyNot;
         }

@@ -36,18 +36,54 @@ TEST(DiskSurvey, RowsAndTheRestAlwaysAddUpToUsed) {
         const char* sentenceHas;
     };
     const std::vector<Case> cases{
-        {"room left over", 1000, {row("home", 600), row("logs", 100)}, true, 300, 0, {600, 100},
+        {"room left over",
+         1000,
+         {row("home", 600), row("logs", 100)},
+         true,
+         300,
+         0,
+         {600, 100},
          "/etc"},
-        {"rows exactly fill it", 700, {row("home", 600), row("logs", 100)}, true, 0, 0,
-         {600, 100}, "/etc"},
-        {"rows claim too much: biggest gives it up", 650, {row("home", 600), row("logs", 100)},
-         true, 0, 50, {550, 100}, "/etc"},
-        {"overcount beyond the biggest row", 50, {row("home", 60), row("logs", 40)}, true, 0, 50,
-         {10, 40}, "/etc"},
-        {"unreadable folders are named", 1000, {row("home", 200), row("logs", 100, 3)}, false,
-         700, 0, {200, 100}, "cannot read (3 folders, among them /var/log/private"},
-        {"an ordinary account is told how to see more", 1000, {row("home", 200)}, false, 800, 0,
-         {200}, "sudo sparrowdeck disk"},
+        {"rows exactly fill it",
+         700,
+         {row("home", 600), row("logs", 100)},
+         true,
+         0,
+         0,
+         {600, 100},
+         "/etc"},
+        {"rows claim too much: biggest gives it up",
+         650,
+         {row("home", 600), row("logs", 100)},
+         true,
+         0,
+         50,
+         {550, 100},
+         "/etc"},
+        {"overcount beyond the biggest row",
+         50,
+         {row("home", 60), row("logs", 40)},
+         true,
+         0,
+         50,
+         {10, 40},
+         "/etc"},
+        {"unreadable folders are named",
+         1000,
+         {row("home", 200), row("logs", 100, 3)},
+         false,
+         700,
+         0,
+         {200, 100},
+         "cannot read (3 folders, among them /var/log/private"},
+        {"an ordinary account is told how to see more",
+         1000,
+         {row("home", 200)},
+         false,
+         800,
+         0,
+         {200},
+         "sudo sparrowdeck disk"},
         {"nothing measured", 1000, {}, true, 1000, 0, {}, "/etc"},
     };
     for (const Case& c : cases) {
@@ -55,8 +91,8 @@ TEST(DiskSurvey, RowsAndTheRestAlwaysAddUpToUsed) {
         platform::VolumeFigures figures;
         figures.totalBytes = c.used * 2;
         figures.usedBytes = c.used;
-        DiskVolume volume = assembleVolume(figures, true, c.rows, c.readsEverything,
-                                           {"/var/log/private"});
+        DiskVolume volume =
+            assembleVolume(figures, true, c.rows, c.readsEverything, {"/var/log/private"});
         EXPECT_EQ(sumOf(volume), c.used);
         EXPECT_EQ(volume.unexplainedBytes, c.unexplained);
         EXPECT_EQ(volume.overcountBytes, c.overcount);
@@ -97,7 +133,7 @@ TEST(DiskSurvey, ReadsTheSystemsOwnLists) {
     const std::vector<SizeCase> sizes{
         {"", 0},
         {"10\n20\n", 30 * 1024},
-        {"10\n\n5", 15 * 1024},      // a package without a size, no newline at the end
+        {"10\n\n5", 15 * 1024},       // a package without a size, no newline at the end
         {"10\nabc\n7x\n", 10 * 1024}, // anything that is not a number is left out
     };
     for (const SizeCase& c : sizes) {

@@ -26,8 +26,8 @@ std::string dataHome(const std::string& prefix) {
 CliRun sparrowdeck(const std::string& arguments, const std::string& prefix = {}) {
     test::CommandResult r =
         test::runShell(prefix + "env SPARROWDECK_HOME=" + test::shellQuote(test::fixtureHome()) +
-                       " XDG_DATA_HOME=" + test::shellQuote(dataHome(prefix)) + " " SPARROWDECK_CLI
-                       " " + arguments + " 2>&1");
+                       " XDG_DATA_HOME=" + test::shellQuote(dataHome(prefix)) +
+                       " " SPARROWDECK_CLI " " + arguments + " 2>&1");
     return {r.status, r.output};
 }
 

@@ -18,10 +18,10 @@ struct CliRun {
 // Each test keeps its history in a support folder of its own, outside the folder it scans.
 CliRun sparrowdeck(const std::string& dataHome, const std::string& arguments,
                    const std::string& redirect = "2>&1") {
-    test::CommandResult r = test::runShell(
-        "env SPARROWDECK_HOME=" + test::shellQuote(test::fixtureHome()) +
-        " XDG_DATA_HOME=" + test::shellQuote(dataHome) + " " SPARROWDECK_CLI " " + arguments +
-        " " + redirect);
+    test::CommandResult r =
+        test::runShell("env SPARROWDECK_HOME=" + test::shellQuote(test::fixtureHome()) +
+                       " XDG_DATA_HOME=" + test::shellQuote(dataHome) + " " SPARROWDECK_CLI " " +
+                       arguments + " " + redirect);
     return {r.status, r.output};
 }
 
@@ -29,8 +29,8 @@ void append(const std::string& file, std::uint64_t bytes) {
     std::ofstream out(file, std::ios::binary | std::ios::app);
     std::string block(1 << 20, 'g');
     for (std::uint64_t done = 0; done < bytes; done += block.size()) {
-        out.write(block.data(), static_cast<std::streamsize>(std::min<std::uint64_t>(
-                                    block.size(), bytes - done)));
+        out.write(block.data(), static_cast<std::streamsize>(
+                                    std::min<std::uint64_t>(block.size(), bytes - done)));
     }
 }
 
@@ -118,9 +118,8 @@ TEST(HistoryCli, NcduAndGduOpenTheExportWithOurTotals) {
         test::writeFilledFile(t + "/small" + std::to_string(i), 5000);
     }
     std::string file = data + "/scan.json";
-    CliRun scan = sparrowdeck(data, "space --json --export " + test::shellQuote(file) + " " +
-                                        test::shellQuote(t),
-                              "");
+    CliRun scan = sparrowdeck(
+        data, "space --json --export " + test::shellQuote(file) + " " + test::shellQuote(t), "");
     ASSERT_EQ(scan.status, 0) << scan.output;
     std::uint64_t ours =
         nlohmann::json::parse(scan.output).at("tree").at("root").at("bytes").get<std::uint64_t>();
@@ -137,8 +136,8 @@ TEST(HistoryCli, NcduAndGduOpenTheExportWithOurTotals) {
     test::CommandResult gdu =
         test::runShell("gdu -n -s -p --no-prefix -f " + test::shellQuote(file));
     ASSERT_EQ(gdu.status, 0) << gdu.output;
-    std::uint64_t folders = countFolders(nlohmann::json::parse(
-        test::runShell("cat " + test::shellQuote(file)).output).at(3));
+    std::uint64_t folders = countFolders(
+        nlohmann::json::parse(test::runShell("cat " + test::shellQuote(file)).output).at(3));
     EXPECT_EQ(std::stoull(gdu.output), ours + 4096 * folders) << gdu.output;
 }
 

@@ -7,8 +7,8 @@
 #include <csignal>
 #include <fstream>
 #include <functional>
-#include <set>
 #include <gtest/gtest.h>
+#include <set>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -71,8 +71,10 @@ TEST(ScanHistory, ComparesTwoSnapshotsFolderByFolder) {
 TEST(ScanHistory, PicksTheScanToCompareWith) {
     // Newest first, as the history lists them.
     std::vector<SnapshotInfo> scans{
-        {5, "/h", 500, 0, 0, true, 0}, {4, "/h", 400, 0, 0, true, 0},
-        {3, "/h", 300, 0, 0, true, 0}, {2, "/h", 200, 0, 0, true, 0},
+        {5, "/h", 500, 0, 0, true, 0},
+        {4, "/h", 400, 0, 0, true, 0},
+        {3, "/h", 300, 0, 0, true, 0},
+        {2, "/h", 200, 0, 0, true, 0},
     };
     struct Case {
         std::int64_t current;
@@ -80,12 +82,12 @@ TEST(ScanHistory, PicksTheScanToCompareWith) {
         std::optional<std::int64_t> expected;
     };
     const std::vector<Case> cases{
-        {5, std::nullopt, 4}, // the previous scan
+        {5, std::nullopt, 4},            // the previous scan
         {2, std::nullopt, std::nullopt}, // the first one has nothing before it
-        {5, 301, 3},          // the newest before the date
-        {5, 300, 2},          // a scan exactly at the moment is not before it
-        {5, 100, 2},          // nothing that early: the oldest kept
-        {4, 1000, 3},         // never the current one or a later one
+        {5, 301, 3},                     // the newest before the date
+        {5, 300, 2},                     // a scan exactly at the moment is not before it
+        {5, 100, 2},                     // nothing that early: the oldest kept
+        {4, 1000, 3},                    // never the current one or a later one
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.current);
@@ -146,7 +148,9 @@ TEST(ScanHistory, ADamagedFileIsKeptAsideAndAFreshOneStarted) {
     };
     const std::vector<Case> cases{
         {"not a database at all",
-         [](const std::string& file) { test::writeFile(file, std::string(8192, 'x')); }},
+         [](const std::string& file) {
+             test::writeFile(file, std::string(8192, 'x'));
+         }},
         {"a database whose pages were overwritten", [](const std::string& file) {
              {
                  ScanHistory history(file);
@@ -240,9 +244,9 @@ TEST(ScanHistory, SurvivesAProcessKilledHalfWayThroughASave) {
     std::optional<ScanSnapshot> first = history.load(scans[0].id);
     ASSERT_TRUE(first);
     EXPECT_EQ(first->folders.size(), folders.size());
-    EXPECT_EQ(test::runShell("sqlite3 " + test::shellQuote(file) + " 'PRAGMA integrity_check'")
-                  .output,
-              test::haveTool("sqlite3") ? "ok\n" : "");
+    EXPECT_EQ(
+        test::runShell("sqlite3 " + test::shellQuote(file) + " 'PRAGMA integrity_check'").output,
+        test::haveTool("sqlite3") ? "ok\n" : "");
 }
 
 } // namespace

@@ -32,11 +32,7 @@ std::optional<VolumeFigures> volumeFigures(const std::string& path, std::string&
 // The categories the system files under System Data, each where a walk can see it.
 std::vector<DiskRowPlan> diskRowPlans(const std::string& home, const std::string&) {
     return {
-        {"apps",
-         "Applications",
-         {"/Applications"},
-         "The apps in your Applications folder.",
-         {}},
+        {"apps", "Applications", {"/Applications"}, "The apps in your Applications folder.", {}},
         {"virtualMemory",
          "Virtual memory",
          {"/System/Volumes/VM"},
@@ -58,7 +54,11 @@ std::vector<DiskRowPlan> diskRowPlans(const std::string& home, const std::string
          {"/private/var/folders", "/private/tmp"},
          "Files programs keep for a short while.",
          {}},
-        {"system", "The system itself", {"/System", "/usr", "/Library"}, "macOS and its parts.", {}},
+        {"system",
+         "The system itself",
+         {"/System", "/usr", "/Library"},
+         "macOS and its parts.",
+         {}},
     };
 }
 
