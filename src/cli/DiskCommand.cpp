@@ -58,20 +58,12 @@ nlohmann::json toJson(const DiskReport& report) {
             {"readsEverything", report.readsEverything}};
 }
 
-std::string bar(std::uint64_t part, std::uint64_t whole, int width = 16) {
-    double share = whole == 0 ? 0 : static_cast<double>(part) / static_cast<double>(whole);
-    int filled = std::clamp(static_cast<int>(std::lround(share * width)), part > 0 ? 1 : 0, width);
-    std::string out;
-    for (int i = 0; i < width; ++i) {
-        out += i < filled ? "█" : "░";
-    }
-    return out;
-}
-
 void printRow(const std::string& title, std::uint64_t bytes, std::uint64_t used,
               const std::string& sentence) {
-    std::printf("  %s %10s  %s\n", bar(bytes, used).c_str(), formatBytes(bytes).c_str(),
-                title.c_str());
+    std::printf("  %s %10s  %s\n",
+                shareBar(used == 0 ? 0 : static_cast<double>(bytes) / static_cast<double>(used), 16)
+                    .c_str(),
+                formatBytes(bytes).c_str(), title.c_str());
     std::printf("  %16s %10s  %s\n", "", "", sentence.c_str());
 }
 

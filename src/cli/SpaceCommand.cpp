@@ -86,19 +86,8 @@ nlohmann::json toJson(const SpaceScanResult& result) {
     return out;
 }
 
-// A bar of `width` cells filled in proportion to `share` (0 to 1).
-std::string bar(double share, int width = 20) {
-    int filled = static_cast<int>(std::lround(share * width));
-    filled = std::clamp(filled, share > 0 ? 1 : 0, width);
-    std::string out;
-    for (int i = 0; i < width; ++i) {
-        out += i < filled ? "█" : "░";
-    }
-    return out;
-}
-
 void printLine(double share, std::uint64_t bytes, int indent, const std::string& label) {
-    std::printf("%s %5.1f%% %10s  %*s%s\n", bar(share).c_str(), share * 100,
+    std::printf("%s %5.1f%% %10s  %*s%s\n", shareBar(share, 20).c_str(), share * 100,
                 formatBytes(bytes).c_str(), indent * 2, "", label.c_str());
 }
 

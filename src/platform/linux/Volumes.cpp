@@ -1,6 +1,7 @@
 #include "platform/Volumes.h"
 
 #include "base/CleanerError.h"
+#include "platform/linux/MountTable.h"
 
 #include <cerrno>
 #include <fstream>
@@ -10,29 +11,6 @@
 
 namespace sd::platform {
 namespace {
-
-// The mount table writes a blank, a tab, a newline and a backslash in octal.
-std::string unescapeMountField(std::string_view field) {
-    std::string out;
-    for (size_t i = 0; i < field.size(); ++i) {
-        if (field[i] == '\\' && i + 3 < field.size()) {
-            int value = 0;
-            bool octal = true;
-            for (size_t k = 1; k <= 3; ++k) {
-                char c = field[i + k];
-                octal = octal && c >= '0' && c <= '7';
-                value = value * 8 + (c - '0');
-            }
-            if (octal) {
-                out.push_back(static_cast<char>(value));
-                i += 3;
-                continue;
-            }
-        }
-        out.push_back(field[i]);
-    }
-    return out;
-}
 
 // The highest folder at or above `path` still on `device`: where that file system is mounted.
 std::string mountPointOf(const std::string& path, dev_t device) {
@@ -67,6 +45,28 @@ std::string fileSystemTypeAt(const std::string& mountPoint) {
 }
 
 } // namespace
+
+std::string unescapeMountField(std::string_view field) {
+    std::string out;
+    for (size_t i = 0; i < field.size(); ++i) {
+        if (field[i] == '\\' && i + 3 < field.size()) {
+            int value = 0;
+            bool octal = true;
+            for (size_t k = 1; k <= 3; ++k) {
+                char c = field[i + k];
+                octal = octal && c >= '0' && c <= '7';
+                value = value * 8 + (c - '0');
+            }
+            if (octal) {
+                out.push_back(static_cast<char>(value));
+                i += 3;
+                continue;
+            }
+        }
+        out.push_back(field[i]);
+    }
+    return out;
+}
 
 std::optional<VolumeFigures> volumeFigures(const std::string& path, std::string& error) {
     struct statvfs vfs {};
