@@ -1,5 +1,6 @@
 #pragma once
 
+#include "app/Workers.h"
 #include "companion/CompanionService.h"
 #include "companion/DesktopNotifier.h"
 
@@ -20,6 +21,11 @@ class Companion : public QObject {
 public:
     // How long after a change the look comes, so a burst of changes makes one look.
     static constexpr int settleMilliseconds = 60'000;
+    // The light rescan of the home that keeps the scan history going without the window: every
+    // six hours, or after an hour when the watched folders changed. One worker, a short budget.
+    static constexpr std::int64_t rescanIntervalSeconds = 6 * 3600;
+    static constexpr std::int64_t rescanAfterChangeSeconds = 3600;
+    static constexpr double rescanBudgetSeconds = 20;
 
     Companion(std::string historyFile, CompanionService::Sources sources,
               QObject* parent = nullptr);
@@ -35,19 +41,24 @@ public:
     QStringList watched() const { return watcher_->directories(); }
     // The last problem, such as a history that cannot be written; empty when all is well.
     const QString& problem() const noexcept { return problem_; }
+    app::TaskRunner& rescans() noexcept { return *rescans_; }
 
 signals:
     void statusChanged();
     void reviewRequested(sd::ReviewScreen screen);
+    void rescanned();
 
 private:
     void watchFolders();
+    void maybeRescan();
 
     CompanionService service_;
     DesktopNotifier* notifier_;
     QFileSystemWatcher* watcher_;
     QTimer sampleTimer_;
     QTimer settleTimer_;
+    app::TaskRunner* rescans_;
+    bool changedSinceRescan_ = false;
     QString problem_;
 };
 

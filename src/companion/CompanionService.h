@@ -47,6 +47,8 @@ public:
     // CleanerError when the history cannot be used.
     std::vector<Notice> tick();
     const CompanionStatus& status() const noexcept { return status_; }
+    std::int64_t now() const { return sources_.clock(); }
+    const std::string& historyFile() const noexcept { return historyFile_; }
 
 private:
     std::string historyFile_;

@@ -4,6 +4,7 @@
 #include "Fixture.h"
 #include "companion/TrayShell.h"
 #include "history/ScanHistory.h"
+#include "platform/Home.h"
 
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
@@ -131,6 +132,34 @@ private slots:
 
         server.terminate();
         server.waitForFinished();
+    }
+
+    void aLightRescanKeepsTheHistoryGoing() {
+        makeDirs(fixtureHome() + "/rescan-me");
+        writeFilledFile(fixtureHome() + "/rescan-me/data", 2'000'000);
+        World world;
+        const std::string history = freshFolder("companion-rescan") + "/history.sqlite";
+        companion::Companion companion(history, world.sources());
+        QSignalSpy rescanned(&companion, &companion::Companion::rescanned);
+        auto kept = [&] {
+            return ScanHistory(history).snapshots(fixtureHome());
+        };
+
+        companion.look(); // nothing kept yet: the first look rescans
+        QVERIFY(rescanned.wait(30'000));
+        QCOMPARE(kept().size(), size_t{1});
+        QCOMPARE(kept().front().takenAt, world.now);
+        QVERIFY(kept().front().totalBytes >= 2'000'000);
+
+        world.now += 2 * 3600; // too soon, and nothing watched changed
+        companion.look();
+        QVERIFY(!companion.rescans().isRunning());
+
+        world.now += 5 * 3600; // six hours on
+        companion.look();
+        QVERIFY(rescanned.wait(30'000));
+        QCOMPARE(kept().size(), size_t{2});
+        QVERIFY2(companion.problem().isEmpty(), qPrintable(companion.problem()));
     }
 
     void aDesktopWithoutATrayGetsTheWindow() {
