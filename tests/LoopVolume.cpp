@@ -179,7 +179,8 @@ void reflinkCopy(const std::string& from, const std::string& to) {
 }
 
 std::unique_ptr<LoopVolume> LoopVolume::mount(const std::string& type,
-                                              const std::string& mountPoint, std::string& whyNot) {
+                                              const std::string& mountPoint, std::string& whyNot,
+                                              const std::string& size) {
     if (::geteuid() != 0) {
         whyNot = "Mounting a loop " + type + " image needs root, and this test runs as uid " +
                  std::to_string(::geteuid()) + ".";
@@ -197,8 +198,9 @@ std::unique_ptr<LoopVolume> LoopVolume::mount(const std::string& type,
     std::string folder = freshFolder("LoopImage");
     std::string image = folder + "/" + type + ".img";
     // mkfs.btrfs wants at least about 110 MiB; the image is sparse, so this costs little.
-    CommandResult made = runShell("truncate -s 160M " + shellQuote(image) + " && " + mkfs + " -q " +
-                                  (type == "ext4" ? "-F " : "") + shellQuote(image) + " 2>&1");
+    CommandResult made =
+        runShell("truncate -s " + size + " " + shellQuote(image) + " && " + mkfs + " -q " +
+                 (type == "ext4" ? "-F " : "") + shellQuote(image) + " 2>&1");
     if (made.status != 0) {
         whyNot = mkfs + " could not format a loop image: " + trimmed(made.output);
         return nullptr;

@@ -62,10 +62,10 @@ private:
 // walk of the tree around the mount point never meets it.
 class LoopVolume {
 public:
-    // "btrfs" or "ext4". Empty, with a sentence in `whyNot`, when this machine will not let us
-    // make or mount one.
+    // "btrfs" or "ext4", of `size` as truncate reads it ("160M"; btrfs needs about 110 MiB).
+    // Empty, with a sentence in `whyNot`, when this machine will not let us make or mount one.
     static std::unique_ptr<LoopVolume> mount(const std::string& type, const std::string& mountPoint,
-                                             std::string& whyNot);
+                                             std::string& whyNot, const std::string& size = "160M");
 
     LoopVolume(const LoopVolume&) = delete;
     LoopVolume& operator=(const LoopVolume&) = delete;

@@ -64,13 +64,15 @@ AssistantTasks::AssistantTasks(QObject* parent) : QObject(parent) {
 
 void AssistantTasks::probe(IntelligenceProvider provider) {
     runner_.start<IntelligenceProviderStatus>(
-        [provider](std::stop_token stop) { return statusOf(probeProvider(provider, {}, stop)); },
+        [provider](const std::stop_token& stop) {
+            return statusOf(probeProvider(provider, {}, stop));
+        },
         [this](IntelligenceProviderStatus& status) { emit probed(status); });
 }
 
 void AssistantTasks::test(IntelligenceProvider provider) {
     runner_.start<IntelligenceTestState>(
-        [provider](std::stop_token stop) -> IntelligenceTestState {
+        [provider](const std::stop_token& stop) -> IntelligenceTestState {
             std::optional<IntelligenceProbe> probe = probeProvider(provider, {}, stop);
             if (!probe) {
                 return TestFailed{std::string(displayName(provider)) + ": " +
@@ -83,7 +85,7 @@ void AssistantTasks::test(IntelligenceProvider provider) {
 
 void AssistantTasks::ask(IntelligenceProvider provider, AssistantQuestion question) {
     runner_.start<AssistantResult>(
-        [provider, question = std::move(question)](std::stop_token stop) {
+        [provider, question = std::move(question)](const std::stop_token& stop) {
             std::optional<IntelligenceProbe> probe = probeProvider(provider, {}, stop);
             if (!probe) {
                 AssistantResult missing;
@@ -185,7 +187,8 @@ void AssistantSettings::startTest() {
     tasks_->test(*chosen);
 }
 
-AskDialog::AskDialog(AssistantQuestion question, platform::UserDefaults store, QWidget* parent)
+AskDialog::AskDialog(AssistantQuestion question, const platform::UserDefaults& store,
+                     QWidget* parent)
     : QDialog(parent), question_(std::move(question)), provider_(chosenProvider(store)) {
     setWindowTitle(QStringLiteral("Ask the Assistant"));
     resize(640, 560);

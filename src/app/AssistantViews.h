@@ -90,7 +90,8 @@ class AskDialog : public QDialog {
     Q_OBJECT
 
 public:
-    AskDialog(AssistantQuestion question, platform::UserDefaults store, QWidget* parent = nullptr);
+    AskDialog(AssistantQuestion question, const platform::UserDefaults& store,
+              QWidget* parent = nullptr);
 
     QPlainTextEdit* factsView() const noexcept { return facts_; }
     QLineEdit* questionField() const noexcept { return questionField_; }

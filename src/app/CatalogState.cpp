@@ -10,7 +10,7 @@ std::string pathKey(const Target& target, const PathSpec& path) {
 }
 
 CatalogState::CatalogState(platform::UserDefaults store)
-    : store(std::move(store)), catalog(buildCatalog(DistributionMode::direct)),
+    : store(std::move(store)), catalog(platformCatalog(DistributionMode::direct)),
       prefs(loadInclusionPreferences(this->store)) {
     reloadLeftOut();
 }

@@ -1,6 +1,7 @@
 #include "app/CleanupPage.h"
 
 #include "core/ByteFormat.h"
+#include "core/MoveListing.h"
 
 #include <QDateTime>
 #include <QHBoxLayout>
@@ -216,9 +217,16 @@ void CleanupPage::onPrepared(const CleanPlan& plan) {
             }
         }
     }
-    QString detail = QStringLiteral("Moving them frees %1. %2")
-                         .arg(bytesText(plan.plannedFreeableBytes),
-                              QString::fromStdString(std::string(sweepRecheckText)));
+    std::vector<ListedMove> items;
+    for (const CleanPath& p : plan.paths) {
+        items.push_back({p.url, p.physicalBytes});
+    }
+    QStringList lines;
+    for (const std::string& line : moveListingLines(items)) {
+        lines << QString::fromStdString(line);
+    }
+    QString detail = lines.join(QStringLiteral("\n")) + QStringLiteral("\n\n") +
+                     QString::fromStdString(std::string(sweepRecheckText));
     if (!plan.errors.empty()) {
         detail += QStringLiteral("\n\n%1 where it is:\n")
                       .arg(plan.errors.size() == 1
@@ -227,9 +235,8 @@ void CleanupPage::onPrepared(const CleanPlan& plan) {
                   errorLines(plan.errors, 3);
     }
     if (!confirm(this, QStringLiteral("Move to the Trash"),
-                 QStringLiteral("Move %1 (%2) to the Trash?")
-                     .arg(countText(plan.paths.size(), "item", "items"), bytesText(bytes)),
-                 QStringLiteral("Move to the Trash"), detail)) {
+                 QString::fromStdString(moveQuestion(bytes)), QStringLiteral("Move to the Trash"),
+                 detail)) {
         return;
     }
     if (!disruptive.empty()) {

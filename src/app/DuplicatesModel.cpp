@@ -35,7 +35,7 @@ const DuplicateFile* DuplicatesModel::fileAt(const QModelIndex& index) const {
 }
 
 QModelIndex DuplicatesModel::index(int row, int column, const QModelIndex& parent) const {
-    if (row < 0 || column < 0 || column >= columnCount_ || row >= rowCount(parent)) {
+    if (row < 0 || column < 0 || column >= columnTotal || row >= rowCount(parent)) {
         return {};
     }
     // Groups carry 0; a copy carries its group's row plus one.
@@ -64,7 +64,7 @@ int DuplicatesModel::rowCount(const QModelIndex& parent) const {
 }
 
 int DuplicatesModel::columnCount(const QModelIndex&) const {
-    return columnCount_;
+    return columnTotal;
 }
 
 bool DuplicatesModel::tickable(const DuplicateGroup& group, const DuplicateFile& file) const {
@@ -228,8 +228,8 @@ QVariant DuplicatesModel::headerData(int section, Qt::Orientation orientation, i
         return {};
     }
     static const char* const titles[] = {"Name", "Folder", "Size", "Notes", ""};
-    return section >= 0 && section < columnCount_ ? QString::fromLatin1(titles[section])
-                                                  : QVariant();
+    return section >= 0 && section < columnTotal ? QString::fromLatin1(titles[section])
+                                                 : QVariant();
 }
 
 } // namespace sd::app

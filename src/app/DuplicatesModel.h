@@ -15,7 +15,7 @@ class DuplicatesModel : public QAbstractItemModel {
     Q_OBJECT
 
 public:
-    enum Column { nameColumn, folderColumn, sizeColumn, noteColumn, actionColumn, columnCount_ };
+    enum Column { nameColumn, folderColumn, sizeColumn, noteColumn, actionColumn, columnTotal };
 
     DuplicatesModel(ReviewState<DuplicateReport>& state, std::shared_ptr<const VaultPolicy> policy,
                     QObject* parent = nullptr);

@@ -2,6 +2,7 @@
 
 #include "app/Models.h"
 #include "core/PathRules.h"
+#include "platform/Words.h"
 
 #include <QFileDialog>
 
@@ -9,7 +10,8 @@ namespace sd::app {
 
 DuplicatesPage::DuplicatesPage(JournalStore& journal, QWidget* parent)
     : ReviewPage(QStringLiteral("Duplicates"), toQ(duplicateText::description),
-                 toQ(duplicateText::scope), {"Duplicate copies", "duplicates"}, journal, parent),
+                 toQ(platform::duplicatesScopeText()), {"Duplicate copies", "duplicates"}, journal,
+                 parent),
       root_(homeDirectory()) {
     model_ = new DuplicatesModel(state_, sharedPolicy(), this);
     choose_ = new QPushButton(QStringLiteral("Choose Folder…"));
@@ -31,7 +33,7 @@ DuplicatesPage::DuplicatesPage(JournalStore& journal, QWidget* parent)
 void DuplicatesPage::setRoot(std::string root) {
     root_ = std::move(root);
     scopeLabel()->setText(root_ == homeDirectory()
-                              ? toQ(duplicateText::scope)
+                              ? toQ(platform::duplicatesScopeText())
                               : QStringLiteral("Looked in %1.").arg(homeRelative(root_)));
 }
 

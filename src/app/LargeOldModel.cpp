@@ -37,7 +37,7 @@ int LargeOldModel::rowCount(const QModelIndex& parent) const {
 }
 
 int LargeOldModel::columnCount(const QModelIndex& parent) const {
-    return parent.isValid() ? 0 : columnCount_;
+    return parent.isValid() ? 0 : columnTotal;
 }
 
 bool LargeOldModel::tickable(const LargeOldItem& item) const {
@@ -145,8 +145,8 @@ QVariant LargeOldModel::headerData(int section, Qt::Orientation orientation, int
         return {};
     }
     static const char* const titles[] = {"Name", "Folder", "Size", "Last opened", "Notes", ""};
-    return section >= 0 && section < columnCount_ ? QString::fromLatin1(titles[section])
-                                                  : QVariant();
+    return section >= 0 && section < columnTotal ? QString::fromLatin1(titles[section])
+                                                 : QVariant();
 }
 
 } // namespace sd::app

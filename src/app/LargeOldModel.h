@@ -20,7 +20,7 @@ public:
         openedColumn,
         noteColumn,
         actionColumn,
-        columnCount_
+        columnTotal
     };
 
     explicit LargeOldModel(ReviewState<LargeOldReport>& state, QObject* parent = nullptr);

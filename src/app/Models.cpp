@@ -3,6 +3,7 @@
 #include "app/Workers.h"
 #include "core/ByteFormat.h"
 #include "core/PathRules.h"
+#include "platform/Words.h"
 
 #include <QDateTime>
 #include <algorithm>
@@ -73,7 +74,7 @@ namespace {
 // A tile with nothing measured yet, holding the catalog's targets for it, so its title is the
 // one the measured tile will have.
 SweepTile emptyTile(SweepTileKind kind) {
-    static const std::vector<Target> catalog = buildCatalog(DistributionMode::direct);
+    static const std::vector<Target> catalog = platformCatalog(DistributionMode::direct);
     SweepTile tile;
     tile.kind = kind;
     for (const Target& t : catalog) {
@@ -147,7 +148,8 @@ QVariant SweepTileModel::data(const QModelIndex& index, int role) const {
         case SweepTileKind::redownloads:
             return QStringLiteral("Big, but slow to get back — downloaded again on use");
         case SweepTileKind::leftovers:
-            return QStringLiteral("Matched by bundle ID, never by name");
+            return QStringLiteral("Matched by %1, never by name")
+                .arg(QString::fromUtf8(platform::appIdName()));
         default:
             return QString::fromStdString(tileSubtitle(emptyTile(kind)));
         }
@@ -233,11 +235,14 @@ bool SweepTileModel::setData(const QModelIndex& index, const QVariant& value, in
     }
     if (value.value<Qt::CheckState>() == Qt::Checked) {
         state_.selection.insert(kind);
+        state_.chosen.insert(kind);
     } else {
         state_.selection.erase(kind);
+        state_.chosen.erase(kind);
     }
     emit dataChanged(index, index, {Qt::CheckStateRole});
     emit selectionChanged();
+    emit chosenChanged();
     return true;
 }
 
@@ -329,7 +334,7 @@ std::vector<int> CatalogModel::appPaths(const Node& app) const {
 }
 
 QModelIndex CatalogModel::index(int row, int column, const QModelIndex& parent) const {
-    if (row < 0 || column < 0 || column >= columnCount_) {
+    if (row < 0 || column < 0 || column >= columnTotal) {
         return {};
     }
     std::vector<Node> nodes = children(nodeOf(parent));
@@ -364,7 +369,7 @@ int CatalogModel::rowCount(const QModelIndex& parent) const {
 }
 
 int CatalogModel::columnCount(const QModelIndex&) const {
-    return columnCount_;
+    return columnTotal;
 }
 
 Qt::CheckState CatalogModel::checkState(const Node& node) const {
@@ -495,14 +500,14 @@ bool CatalogModel::setData(const QModelIndex& index, const QVariant& value, int 
     while (top.parent().isValid()) {
         top = top.parent();
     }
-    emit dataChanged(top, top.siblingAtColumn(columnCount_ - 1));
+    emit dataChanged(top, top.siblingAtColumn(columnTotal - 1));
     std::vector<QModelIndex> pending{top};
     while (!pending.empty()) {
         QModelIndex at = pending.back();
         pending.pop_back();
         int rows = rowCount(at);
         if (rows > 0) {
-            emit dataChanged(this->index(0, 0, at), this->index(rows - 1, columnCount_ - 1, at));
+            emit dataChanged(this->index(0, 0, at), this->index(rows - 1, columnTotal - 1, at));
             for (int r = 0; r < rows; ++r) {
                 pending.push_back(this->index(r, 0, at));
             }
@@ -554,16 +559,16 @@ void CatalogModel::refresh() {
     if (rows == 0) {
         return;
     }
-    emit dataChanged(index(0, 0), index(rows - 1, columnCount_ - 1));
+    emit dataChanged(index(0, 0), index(rows - 1, columnTotal - 1));
     for (int r = 0; r < rows; ++r) {
         QModelIndex parent = index(r, 0);
         int n = rowCount(parent);
         for (int c = 0; c < n; ++c) {
             QModelIndex child = index(c, 0, parent);
-            emit dataChanged(child, child.siblingAtColumn(columnCount_ - 1));
+            emit dataChanged(child, child.siblingAtColumn(columnTotal - 1));
             int m = rowCount(child);
             if (m > 0) {
-                emit dataChanged(index(0, 0, child), index(m - 1, columnCount_ - 1, child));
+                emit dataChanged(index(0, 0, child), index(m - 1, columnTotal - 1, child));
             }
         }
     }
@@ -646,7 +651,7 @@ const TrashedItem* ActivityModel::itemAt(const QModelIndex& index) const {
 }
 
 QModelIndex ActivityModel::index(int row, int column, const QModelIndex& parent) const {
-    if (row < 0 || column < 0 || column >= columnCount_ || row >= rowCount(parent)) {
+    if (row < 0 || column < 0 || column >= columnTotal || row >= rowCount(parent)) {
         return {};
     }
     // Entries carry 0; an item carries its entry's row plus one.
@@ -672,7 +677,7 @@ int ActivityModel::rowCount(const QModelIndex& parent) const {
 }
 
 int ActivityModel::columnCount(const QModelIndex&) const {
-    return columnCount_;
+    return columnTotal;
 }
 
 QString ActivityModel::groupTitle(const JournalEntry& entry, const std::string& group) const {
@@ -776,8 +781,8 @@ QVariant ActivityModel::headerData(int section, Qt::Orientation orientation, int
         return {};
     }
     static const char* const titles[] = {"What", "Group", "When", "Size", "Where it is"};
-    return section >= 0 && section < columnCount_ ? QString::fromLatin1(titles[section])
-                                                  : QVariant();
+    return section >= 0 && section < columnTotal ? QString::fromLatin1(titles[section])
+                                                 : QVariant();
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -56,6 +56,8 @@ public:
 
 signals:
     void selectionChanged();
+    // The person ticked or unticked a tile themselves.
+    void chosenChanged();
 
 private:
     const SweepTile* measured(SweepTileKind kind) const;
@@ -70,7 +72,7 @@ class CatalogModel : public QAbstractItemModel {
     Q_OBJECT
 
 public:
-    enum Column { nameColumn, sizeColumn, noteColumn, columnCount_ };
+    enum Column { nameColumn, sizeColumn, noteColumn, columnTotal };
 
     CatalogModel(CatalogState& state, QObject* parent = nullptr);
 
@@ -131,7 +133,7 @@ class ActivityModel : public QAbstractItemModel {
     Q_OBJECT
 
 public:
-    enum Column { whatColumn, groupColumn, whenColumn, sizeColumn, statusColumn, columnCount_ };
+    enum Column { whatColumn, groupColumn, whenColumn, sizeColumn, statusColumn, columnTotal };
 
     ActivityModel(const ReclaimJournal& journal, const std::vector<Target>& catalog,
                   QObject* parent = nullptr);

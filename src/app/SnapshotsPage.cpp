@@ -39,7 +39,7 @@ SnapshotsRunner::SnapshotsRunner(std::shared_ptr<const platform::LocalSnapshotTo
 
 void SnapshotsRunner::list() {
     runner_.start<LocalSnapshotListing>(
-        [tool = tool_](std::stop_token stop) { return tool->list(stop); },
+        [tool = tool_](const std::stop_token& stop) { return tool->list(stop); },
         [this](LocalSnapshotListing& listing) { emit listed(listing); });
 }
 
@@ -47,7 +47,7 @@ void SnapshotsRunner::remove(std::vector<LocalSnapshot> listing, SnapshotDeletio
     progress_ = std::make_shared<OperationProgress>();
     runner_.start<SnapshotDeletionOutcome>(
         [tool = tool_, progress = progress_, listing = std::move(listing),
-         consent = std::move(consent)](std::stop_token stop) {
+         consent = std::move(consent)](const std::stop_token& stop) {
             // Stop is read between snapshots: the one being deleted always finishes.
             return deleteSnapshots(*tool, listing, consent, *progress, stop);
         },
@@ -62,7 +62,7 @@ int SnapshotsModel::rowCount(const QModelIndex& parent) const {
 }
 
 int SnapshotsModel::columnCount(const QModelIndex& parent) const {
-    return parent.isValid() ? 0 : columnCount_;
+    return parent.isValid() ? 0 : columnTotal;
 }
 
 QVariant SnapshotsModel::data(const QModelIndex& index, int role) const {

@@ -50,7 +50,7 @@ class SnapshotsModel : public QAbstractTableModel {
     Q_OBJECT
 
 public:
-    enum Column { stampColumn, dateColumn, sizeColumn, nameColumn, columnCount_ };
+    enum Column { stampColumn, dateColumn, sizeColumn, nameColumn, columnTotal };
 
     explicit SnapshotsModel(SnapshotReviewSession& session, QObject* parent = nullptr);
 

@@ -140,7 +140,7 @@ QModelIndex SpaceTreeModel::indexOfNode(const SpaceNode* node, int column) const
 }
 
 QModelIndex SpaceTreeModel::index(int row, int column, const QModelIndex& parent) const {
-    if (row < 0 || column < 0 || column >= columnCount_ || !state_.tree()) {
+    if (row < 0 || column < 0 || column >= columnTotal || !state_.tree()) {
         return {};
     }
     if (!parent.isValid()) {
@@ -183,7 +183,7 @@ int SpaceTreeModel::rowCount(const QModelIndex& parent) const {
 }
 
 int SpaceTreeModel::columnCount(const QModelIndex&) const {
-    return columnCount_;
+    return columnTotal;
 }
 
 QVariant SpaceTreeModel::data(const QModelIndex& index, int role) const {

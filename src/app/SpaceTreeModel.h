@@ -22,7 +22,7 @@ class SpaceTreeModel : public QAbstractItemModel {
     Q_OBJECT
 
 public:
-    enum Column { nameColumn, sizeColumn, shareColumn, columnCount_ };
+    enum Column { nameColumn, sizeColumn, shareColumn, columnTotal };
 
     explicit SpaceTreeModel(const SpaceMapState& state, QObject* parent = nullptr);
 

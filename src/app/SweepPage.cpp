@@ -1,9 +1,13 @@
 #include "app/SweepPage.h"
 
+#include "base/CleanerError.h"
 #include "core/ByteFormat.h"
+#include "core/MoveListing.h"
+#include "platform/EmptyTrash.h"
 
 #include <QHBoxLayout>
 #include <QKeyEvent>
+#include <QMessageBox>
 #include <QMouseEvent>
 #include <QPainter>
 #include <QPainterPath>
@@ -182,9 +186,18 @@ void TileView::resizeEvent(QResizeEvent* event) {
 SweepPage::SweepPage(JournalStore& journal, QWidget* parent) : QWidget(parent), journal_(journal) {
     platform::UserDefaults store = platform::UserDefaults::standard();
     state_.lastRecord = Sweep::lastRecord(store);
+    std::string chosen = store.string(chosenTilesKey).value_or("");
+    for (std::string_view rest = chosen; !rest.empty();) {
+        size_t comma = rest.find(',');
+        if (std::optional<SweepTileKind> kind = tileKindFromName(rest.substr(0, comma))) {
+            state_.chosen.insert(*kind);
+        }
+        rest = comma == std::string_view::npos ? std::string_view() : rest.substr(comma + 1);
+    }
 
     runner_ = new SweepRunner(this);
     putBackRunner_ = new PutBackRunner(this);
+    emptyRunner_ = new TaskRunner(this);
     tiles_ = new SweepTileModel(state_, this);
 
     QVBoxLayout* layout = pageLayout(
@@ -235,11 +248,15 @@ SweepPage::SweepPage(JournalStore& journal, QWidget* parent) : QWidget(parent), 
     QLabel* recheck = paragraph(toQ(sweepRecheckText), "muted");
     finished_ = new QLabel;
     finished_->setObjectName(QStringLiteral("muted"));
+    finished_->setWordWrap(true);
     auto* notes = new QVBoxLayout;
     notes->setSpacing(2);
     notes->addWidget(recheck);
     notes->addWidget(finished_);
     bottom->addLayout(notes, 1);
+    // Emptying is the one step that cannot be undone, so it is its own button, never a tick.
+    emptyTrash_ = new QPushButton(QStringLiteral("Empty Trash…"));
+    bottom->addWidget(emptyTrash_, 0, Qt::AlignVCenter);
     reclaim_ = new QPushButton(QStringLiteral("Move to the Trash"));
     reclaim_->setProperty("primary", true);
     bottom->addWidget(reclaim_, 0, Qt::AlignVCenter);
@@ -250,9 +267,22 @@ SweepPage::SweepPage(JournalStore& journal, QWidget* parent) : QWidget(parent), 
     connect(sweep_, &QPushButton::clicked, this, &SweepPage::startSweep);
     connect(reclaim_, &QPushButton::clicked, this, &SweepPage::reclaimSelected);
     connect(putBack_, &QPushButton::clicked, this, &SweepPage::putBackLast);
+    connect(emptyTrash_, &QPushButton::clicked, this, &SweepPage::emptyTrash);
+    // A double click opens a tile: every place it would move, with what each holds.
+    connect(view_, &QAbstractItemView::doubleClicked, this,
+            [this](const QModelIndex& index) { showTileItems(tiles_->kindAt(index.row())); });
+    connect(emptyRunner_, &TaskRunner::runningChanged, this, [this](bool running) {
+        progress_->setRunning(running);
+        updateControls();
+    });
+    connect(emptyRunner_, &TaskRunner::failed, this, [this](const QString& message, bool) {
+        banner_->show(QStringLiteral("The Trash was not emptied."), Banner::Tone::warning, message);
+        remeasure();
+    });
     connect(progress_, &ProgressStrip::stopRequested, this, [this] {
         runner_->stop();
         putBackRunner_->stop();
+        emptyRunner_->stop();
     });
     connect(runner_, &SweepRunner::progressChanged, this, &SweepPage::onProgress);
     connect(runner_, &SweepRunner::swept, this, &SweepPage::onSwept);
@@ -263,6 +293,7 @@ SweepPage::SweepPage(JournalStore& journal, QWidget* parent) : QWidget(parent), 
     connect(putBackRunner_, &PutBackRunner::failed, this, &SweepPage::onFailed);
     connect(putBackRunner_, &PutBackRunner::runningChanged, this, &SweepPage::updateControls);
     connect(tiles_, &SweepTileModel::selectionChanged, this, &SweepPage::updateControls);
+    connect(tiles_, &SweepTileModel::chosenChanged, this, &SweepPage::rememberChosen);
 
     updateSummary();
     updateControls();
@@ -274,12 +305,75 @@ void SweepPage::startSweep() {
     state_.progress = SweepReading{};
     state_.movedByTile.clear();
     state_.selection.clear();
-    lastEntryID_.reset();
-    banner_->hide();
+    if (!quietSweep_) {
+        lastEntryID_.reset();
+        banner_->hide();
+    }
     tiles_->refresh();
     runner_->start();
     progress_->update(0, QStringLiteral("Starting the Sweep"));
     updateSummary();
+}
+
+void SweepPage::showTileItems(SweepTileKind kind) {
+    const SweepTile* tile = state_.sweep ? state_.sweep->tile(kind) : nullptr;
+    if (tile == nullptr) {
+        return;
+    }
+    std::vector<ListedMove> places = tileLocations(*tile);
+    QStringList lines;
+    for (const std::string& line : moveListingLines(places, places.size())) {
+        lines << QString::fromStdString(line);
+    }
+    QMessageBox box(this);
+    box.setWindowTitle(QString::fromStdString(tileTitle(*tile)));
+    box.setText(
+        QStringLiteral("%1 in %2").arg(bytesText(tile->bytes), QString::number(places.size())) +
+        (places.size() == 1 ? QStringLiteral(" place") : QStringLiteral(" places")));
+    box.setInformativeText(!lines.isEmpty()   ? lines.join(QStringLiteral("\n"))
+                           : tile->scanResult ? QStringLiteral("Nothing here right now.")
+                                              : QString::fromStdString(tileSubtitle(*tile)));
+    box.setStandardButtons(QMessageBox::Close);
+    box.exec();
+}
+
+void SweepPage::remeasure() {
+    if (runner_->isRunning()) {
+        return;
+    }
+    quietSweep_ = true;
+    startSweep();
+    quietSweep_ = false;
+}
+
+void SweepPage::emptyTrash() {
+    std::uint64_t inTrash = 0;
+    if (state_.sweep) {
+        if (const SweepTile* tile = state_.sweep->tile(SweepTileKind::trash)) {
+            inTrash = tile->bytes;
+        }
+    }
+    QString size = inTrash > 0 ? QStringLiteral(" (%1)").arg(bytesText(inTrash)) : QString();
+    if (!confirm(this, QStringLiteral("Empty Trash"),
+                 QStringLiteral("Empty the Trash? This can't be undone."),
+                 QStringLiteral("Empty Trash"),
+                 QStringLiteral("Everything in the Trash%1 is deleted for good, what Sparrowdeck "
+                                "moved there included, and nothing in it can be put back "
+                                "afterwards. Your desktop's own tool does the emptying.")
+                     .arg(size))) {
+        return;
+    }
+    banner_->hide();
+    progress_->update(-1, QStringLiteral("Emptying the Trash"));
+    emptyRunner_->start<platform::EmptyTrashOutcome>(
+        [](const std::stop_token& stop) { return platform::emptyTrashWithDesktopTool(stop); },
+        [this](platform::EmptyTrashOutcome& outcome) {
+            journal_.reload();
+            lastEntryID_.reset();
+            banner_->show(QString::fromStdString(outcome.sentence),
+                          outcome.emptied ? Banner::Tone::success : Banner::Tone::warning);
+            remeasure();
+        });
 }
 
 void SweepPage::onProgress() {
@@ -312,14 +406,29 @@ void SweepPage::onSwept(const std::shared_ptr<Sweep>& sweep) {
     state_.sweep = sweep;
     state_.sweeping = false;
     state_.lastRecord = sweep->record();
-    // Everything that comes back by itself starts ticked: that is what a Sweep is for.
+    // Only what the person ticked before is ticked again; a Sweep never chooses for them.
+    state_.selection.clear();
     for (const SweepTile& tile : sweep->tiles()) {
-        if (tileComesBack(tile.kind) && tile.bytes > 0) {
+        if (state_.chosen.count(tile.kind) != 0 && tileComesBack(tile.kind) && tile.bytes > 0) {
             state_.selection.insert(tile.kind);
         }
     }
     tiles_->refresh();
     updateSummary();
+}
+
+void SweepPage::rememberChosen() {
+    std::string names;
+    for (SweepTileKind kind : state_.chosen) {
+        names += (names.empty() ? "" : ",") + std::string(tileKindName(kind));
+    }
+    try {
+        platform::UserDefaults::standard().setString(chosenTilesKey, names);
+    } catch (const CleanerError& e) {
+        // The ticks still hold for this session; only remembering them failed.
+        banner_->show(QStringLiteral("Your ticks could not be remembered for next time."),
+                      Banner::Tone::warning, QString::fromStdString(e.what()));
+    }
 }
 
 void SweepPage::reclaimSelected() {
@@ -328,16 +437,23 @@ void SweepPage::reclaimSelected() {
     }
     std::uint64_t bytes = 0;
     QStringList titles;
+    std::vector<ListedMove> places;
     for (SweepTileKind kind : state_.selection) {
         if (const SweepTile* tile = state_.sweep->tile(kind)) {
             bytes += tile->bytes;
             titles << QString::fromStdString(tileTitle(*tile));
+            std::vector<ListedMove> more = tileLocations(*tile);
+            places.insert(places.end(), more.begin(), more.end());
         }
     }
+    QStringList lines;
+    for (const std::string& line : moveListingLines(places)) {
+        lines << QString::fromStdString(line);
+    }
     if (!confirm(this, QStringLiteral("Move to the Trash"),
-                 QStringLiteral("Move %1 to the Trash?").arg(bytesText(bytes)),
-                 QStringLiteral("Move to the Trash"),
-                 titles.join(QStringLiteral(", ")) + QStringLiteral(".\n\n") +
+                 QString::fromStdString(moveQuestion(bytes)), QStringLiteral("Move to the Trash"),
+                 titles.join(QStringLiteral(", ")) + QStringLiteral(":\n") +
+                     lines.join(QStringLiteral("\n")) + QStringLiteral("\n\n") +
                      toQ(sweepRecheckText) +
                      QStringLiteral(" You can put everything back from here or from Activity."))) {
         return;
@@ -389,6 +505,8 @@ void SweepPage::onReclaimed(const SweepReclaimResult& result) {
     }
     tiles_->refresh();
     updateSummary();
+    // The Trash tile and the headline are measured again, never estimated.
+    remeasure();
 }
 
 void SweepPage::putBackLast() {
@@ -428,6 +546,7 @@ void SweepPage::onPutBack(const TrashRestoreResult& result) {
     }
     tiles_->refresh();
     updateSummary();
+    remeasure();
 }
 
 void SweepPage::onFailed(const QString& message, bool cancelled) {
@@ -519,7 +638,7 @@ void SweepPage::updateSummary() {
 }
 
 void SweepPage::updateControls() {
-    bool busy = runner_->isRunning() || putBackRunner_->isRunning();
+    bool busy = runner_->isRunning() || putBackRunner_->isRunning() || emptyRunner_->isRunning();
     progress_->setRunning(busy);
     sweep_->setEnabled(!busy);
     sweep_->setText(state_.sweep || state_.lastRecord ? QStringLiteral("Sweep Again")
@@ -538,6 +657,8 @@ void SweepPage::updateControls() {
                           : QStringLiteral("Move %1 to the Trash").arg(bytesText(bytes)));
     putBack_->setVisible(lastEntryID_.has_value());
     putBack_->setEnabled(!busy);
+    const SweepTile* trash = state_.sweep ? state_.sweep->tile(SweepTileKind::trash) : nullptr;
+    emptyTrash_->setEnabled(!busy && trash != nullptr && trash->bytes > 0);
 }
 
 } // namespace sd::app

@@ -51,12 +51,19 @@ public:
     QPushButton* sweepButton() const noexcept { return sweep_; }
     QPushButton* reclaimButton() const noexcept { return reclaim_; }
     QPushButton* putBackButton() const noexcept { return putBack_; }
+    QPushButton* emptyTrashButton() const noexcept { return emptyTrash_; }
+    TaskRunner& emptyTrashRunner() noexcept { return *emptyRunner_; }
     const Banner* banner() const noexcept { return banner_; }
     const SweepState& state() const noexcept { return state_; }
 
     void startSweep();
     void reclaimSelected();
+    void rememberChosen();
     void putBackLast();
+    // Asks, then has the desktop's own tool empty the Trash; the Sweep then measures again.
+    void emptyTrash();
+    // Lists every place a tile would move, with what each holds.
+    void showTileItems(SweepTileKind kind);
 
 signals:
     void movedToTrash(const std::vector<sd::MovedItem>& moved);
@@ -69,6 +76,8 @@ private:
     void onFailed(const QString& message, bool cancelled);
     void updateControls();
     void updateSummary();
+    // Measures again after something moved, keeping the news of what moved on screen.
+    void remeasure();
 
     enum class Job { none, sweeping, reclaiming };
 
@@ -78,6 +87,8 @@ private:
     std::optional<std::string> lastEntryID_;
     SweepRunner* runner_;
     PutBackRunner* putBackRunner_;
+    TaskRunner* emptyRunner_;
+    bool quietSweep_ = false;
     SweepTileModel* tiles_;
     TileView* view_;
     QLabel* total_;
@@ -88,6 +99,7 @@ private:
     QPushButton* sweep_;
     QPushButton* reclaim_;
     QPushButton* putBack_;
+    QPushButton* emptyTrash_;
     ProgressStrip* progress_;
     Banner* banner_;
 };

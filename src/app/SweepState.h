@@ -35,8 +35,14 @@ struct SweepState {
     bool sweeping = false;
     SweepReading progress; // of the running Sweep, polled
     std::set<SweepTileKind> selection;
+    // The tiles the person ticked themselves, remembered between Sweeps and sessions. A new Sweep
+    // ticks only these; nothing is ever ticked on the person's behalf.
+    std::set<SweepTileKind> chosen;
     std::set<SweepTileKind> reclaiming;
     std::map<SweepTileKind, std::uint64_t> movedByTile; // of the last reclaim
 };
+
+// Where the person's own ticks are kept, as tile names separated by commas.
+inline constexpr std::string_view chosenTilesKey = "sd.app.sweepChosenTiles";
 
 } // namespace sd::app

@@ -165,7 +165,8 @@ std::shared_ptr<OperationProgress> CleanupRunner::freshProgress(const char* phas
 void CleanupRunner::measure(std::vector<Target> targets, std::map<std::string, bool> included) {
     auto live = freshProgress("Starting the scan");
     runner_.start<std::optional<ScanResult>>(
-        [live, targets = std::move(targets), included = std::move(included)](const std::stop_token& stop) {
+        [live, targets = std::move(targets),
+         included = std::move(included)](const std::stop_token& stop) {
             CleaningService service(homePolicy());
             return service.scan(targets, included, stop, live.get());
         },

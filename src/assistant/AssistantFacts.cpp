@@ -20,7 +20,7 @@ std::string dateText(std::int64_t seconds) {
     std::tm local{};
     ::localtime_r(&whole, &local);
     char text[16];
-    std::strftime(text, sizeof text, "%Y-%m-%d", &local);
+    (void)std::strftime(text, sizeof text, "%Y-%m-%d", &local);
     return text;
 }
 

@@ -43,7 +43,7 @@ struct AnswerItem {
 struct AssistantAnswer {
     std::string summary{}; // the headline sentence, or the whole answer
     std::vector<std::pair<std::string, std::string>> sections{}; // heading → text
-    std::vector<AnswerItem> items{};                           // for a folder review
+    std::vector<AnswerItem> items{};                             // for a folder review
 };
 
 // Reads the tool's JSON answer for `task`. Empty when it does not have the schema's shape.

@@ -33,7 +33,7 @@ struct Pipe {
 Pipe makeChildPipe(const std::string& name) {
     int ends[2];
     if (!platform::makePipe(ends)) {
-        throw startError(name, std::strerror(errno));
+        throw startError(name, errorText(errno));
     }
     return {UniqueFd(ends[0]), UniqueFd(ends[1])};
 }
@@ -47,7 +47,7 @@ void setNonBlocking(int fd) {
 
 // The spawn attributes and file actions own memory of the C library; these free it on every path.
 struct FileActions {
-    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_t actions{};
     FileActions() { ::posix_spawn_file_actions_init(&actions); }
     ~FileActions() { ::posix_spawn_file_actions_destroy(&actions); }
     FileActions(const FileActions&) = delete;
@@ -55,7 +55,7 @@ struct FileActions {
 };
 
 struct SpawnAttributes {
-    posix_spawnattr_t attributes;
+    posix_spawnattr_t attributes{};
     SpawnAttributes() { ::posix_spawnattr_init(&attributes); }
     ~SpawnAttributes() { ::posix_spawnattr_destroy(&attributes); }
     SpawnAttributes(const SpawnAttributes&) = delete;
@@ -94,7 +94,7 @@ ChildProcess::ChildProcess(const ChildCommand& command)
     // Writing to a child that has already exited raises the broken-pipe signal, whose default
     // action would end this whole process; ignored, the write fails with EPIPE instead.
     static std::once_flag ignoreBrokenPipe;
-    std::call_once(ignoreBrokenPipe, [] { ::signal(SIGPIPE, SIG_IGN); });
+    std::call_once(ignoreBrokenPipe, [] { (void)::signal(SIGPIPE, SIG_IGN); });
 
     if (command.executable.empty() || command.executable.front() != '/') {
         throw startError(name_, "its path is not absolute");
@@ -138,7 +138,7 @@ ChildProcess::ChildProcess(const ChildCommand& command)
     int rc = ::posix_spawn(&pid, command.executable.c_str(), &files.actions, &spawn.attributes,
                            argvPointers.data(), envPointers.data());
     if (rc != 0) {
-        throw startError(name_, std::strerror(rc));
+        throw startError(name_, errorText(rc));
     }
     pid_ = pid;
     exit_ = platform::watchChildExit(pid_);
@@ -146,7 +146,7 @@ ChildProcess::ChildProcess(const ChildCommand& command)
         int error = errno;
         stopGroup(SIGKILL);
         reap();
-        throw startError(name_, std::strerror(error));
+        throw startError(name_, errorText(error));
     }
     stdout_ = std::move(out.read);
     stderr_ = std::move(err.read);

@@ -22,7 +22,6 @@ std::string errorText(int error) {
     return textOf(::strerror_r(error, buffer, sizeof buffer), buffer);
 }
 
-
 CleanerError makeCoreError(std::string_view operation, std::string_view path, int error) {
     std::string message;
     message.reserve(operation.size() + path.size() + 48);

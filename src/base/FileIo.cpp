@@ -3,6 +3,7 @@
 #include "base/CleanerError.h"
 
 #include <cerrno>
+#include <ctime>
 #include <fcntl.h>
 #include <random>
 #include <sys/file.h>
@@ -82,6 +83,40 @@ void replaceFileAtomically(const std::string& file, std::string_view text) {
     if (dir) {
         ::fsync(dir.get());
     }
+}
+
+std::optional<std::string> readRecordFile(const std::string& file) {
+    UniqueFd fd(::open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+    if (!fd) {
+        if (errno == ENOENT) {
+            return std::nullopt;
+        }
+        throw makeCoreError(operation::opening, file, errno);
+    }
+    struct stat st {};
+    if (::fstat(fd.get(), &st) != 0) {
+        throw makeCoreError(operation::readingMetadata, file, errno);
+    }
+    if (!S_ISREG(st.st_mode)) {
+        throw makeCoreError(operation::opening, file, S_ISDIR(st.st_mode) ? EISDIR : EINVAL);
+    }
+    return readAll(fd.get(), size_t(1) << 28);
+}
+
+std::string keepAside(const std::string& file) {
+    std::time_t now = std::time(nullptr);
+    std::tm utc{};
+    ::gmtime_r(&now, &utc);
+    char stamp[32];
+    std::strftime(stamp, sizeof stamp, "%Y%m%d-%H%M%S", &utc);
+    std::string aside = file + ".unreadable-" + stamp;
+    for (int n = 2; ::access(aside.c_str(), F_OK) == 0; ++n) {
+        aside = file + ".unreadable-" + stamp + "-" + std::to_string(n);
+    }
+    if (::rename(file.c_str(), aside.c_str()) != 0) {
+        throw makeCoreError(operation::opening, file, errno);
+    }
+    return aside.substr(aside.rfind('/') + 1);
 }
 
 FileLock::FileLock(const std::string& file) {

@@ -2,6 +2,7 @@
 
 #include "base/UniqueFd.h"
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <sys/types.h>
@@ -20,6 +21,15 @@ void makeDirectories(const std::string& directory, mode_t mode);
 // Replaces `file` with `text` so that a reader sees either the old or the new contents, never a
 // mix: a temporary file beside it is written, flushed and renamed over it. Throws CleanerError.
 void replaceFileAtomically(const std::string& file, std::string_view text);
+
+// A record file's whole text, or nothing when it does not exist. Refuses to follow a link or to
+// read anything but a regular file (a folder where the file should be). Throws CleanerError.
+std::optional<std::string> readRecordFile(const std::string& file);
+
+// Renames a record that cannot be decoded to "<file>.unreadable-<UTC time>" (another free name
+// if that one is taken), so the next write never replaces it. Returns the new file name, without
+// its folder. Throws CleanerError.
+std::string keepAside(const std::string& file);
 
 // An advisory lock on "<file>.lock", held for the object's lifetime, shared by every process
 // that writes `file`.

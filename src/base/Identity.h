@@ -43,7 +43,8 @@ struct Timestamp {
     std::int64_t nsec = 0;
 
     // clang-tidy 14 reads the defaulted comparison as a literal 0 compared with a pointer.
-    friend auto operator<=>(const Timestamp&, const Timestamp&) = default; // NOLINT(modernize-use-nullptr)
+    friend auto operator<=>(const Timestamp&,
+                            const Timestamp&) = default; // NOLINT(modernize-use-nullptr)
     double seconds() const noexcept {
         return static_cast<double>(sec) + static_cast<double>(nsec) / 1e9;
     }

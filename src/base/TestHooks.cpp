@@ -2,7 +2,10 @@
 
 #ifdef SPARROWDECK_TEST_HOOKS
 
+#include <csignal>
+#include <cstdlib>
 #include <mutex>
+#include <string_view>
 
 namespace sd::testhooks {
 namespace {
@@ -11,6 +14,7 @@ std::function<void(const std::string&)> beforeOpen;
 std::function<void()> hashed;
 std::function<void()> scanResult;
 std::function<void()> historySave;
+std::function<void()> journalRecord;
 
 void run(const std::function<void()>& slot) {
     std::function<void()> hook;
@@ -65,6 +69,22 @@ void setMidHistorySave(std::function<void()> hook) {
 
 void midHistorySave() {
     run(historySave);
+}
+
+void setBeforeJournalRecord(std::function<void()> hook) {
+    std::lock_guard guard(lock);
+    journalRecord = std::move(hook);
+}
+
+void beforeJournalRecord() {
+    run(journalRecord);
+}
+
+void installFromEnvironment() {
+    const char* hook = std::getenv("SPARROWDECK_TEST_HOOK");
+    if (hook != nullptr && std::string_view(hook) == "killBeforeJournalRecord") {
+        setBeforeJournalRecord([] { std::raise(SIGKILL); });
+    }
 }
 
 } // namespace sd::testhooks

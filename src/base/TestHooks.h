@@ -24,6 +24,13 @@ void beforeScanResult();
 // process as a power cut would.
 void setMidHistorySave(std::function<void()> hook);
 void midHistorySave();
+// After things moved to the Trash, before the journal's last write records where they went,
+// where a test ends the process to prove the write-ahead record is enough to put them back.
+void setBeforeJournalRecord(std::function<void()> hook);
+void beforeJournalRecord();
+// Lets a test reach the hooks of a separate process (the command line): SPARROWDECK_TEST_HOOK
+// "killBeforeJournalRecord" ends the process with SIGKILL at that point.
+void installFromEnvironment();
 #else
 inline constexpr bool enabled = false;
 inline void beforeOpenDirectory(const std::string&) {}
@@ -33,6 +40,9 @@ inline void setBeforeScanResult(std::function<void()>) {}
 inline void beforeScanResult() {}
 inline void setMidHistorySave(std::function<void()>) {}
 inline void midHistorySave() {}
+inline void setBeforeJournalRecord(std::function<void()>) {}
+inline void beforeJournalRecord() {}
+inline void installFromEnvironment() {}
 #endif
 
 } // namespace sd::testhooks

@@ -467,6 +467,37 @@ std::vector<Target> buildCatalog(DistributionMode mode) {
     return catalog;
 }
 
+std::vector<Target> platformCatalog(DistributionMode mode) {
+    std::vector<Target> catalog = buildCatalog(mode);
+    for (Target& t : catalog) {
+        std::erase_if(t.paths, [](const PathSpec& p) {
+            return !platform::templateExistsHere(p.pathTemplate);
+        });
+        std::erase_if(t.apps, [&](const AppGroup& app) {
+            bool gone = std::none_of(t.paths.begin(), t.paths.end(),
+                                     [&](const PathSpec& p) { return p.app == app.id; });
+            if (gone) {
+                // Subtitles name their apps in a list; an app that has no place here leaves it.
+                for (const std::string& cut : {app.name + ", ", ", " + app.name}) {
+                    if (size_t at = t.subtitle.find(cut); at != std::string::npos) {
+                        t.subtitle.erase(at, cut.size());
+                        break;
+                    }
+                }
+            }
+            return gone;
+        });
+        for (const platform::TargetWording& wording : platform::targetWordings()) {
+            if (wording.targetID == t.id) {
+                t.title = wording.title;
+                t.subtitle = wording.subtitle;
+            }
+        }
+    }
+    std::erase_if(catalog, [](const Target& t) { return t.paths.empty(); });
+    return catalog;
+}
+
 const Target* findTarget(const std::vector<Target>& catalog, std::string_view id) {
     for (const Target& t : catalog) {
         if (t.id == id) {

@@ -55,6 +55,11 @@ struct Target {
 // calls return equal lists.
 std::vector<Target> buildCatalog(DistributionMode mode);
 
+// The catalog as this platform presents it, the one every screen and command uses: a location
+// that cannot exist here is dropped, an app or target left with no location is not shown, and
+// titles use this platform's words. buildCatalog keeps the full data.
+std::vector<Target> platformCatalog(DistributionMode mode);
+
 const Target* findTarget(const std::vector<Target>& catalog, std::string_view id);
 
 // The display name of a path: its own name, else its app's name, else its template.

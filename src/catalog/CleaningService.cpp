@@ -596,6 +596,10 @@ CleanResult CleaningService::clean(const CleanPlan& plan, const JournalRecording
     if (progress != nullptr) {
         progress->setPhase("Moving to the Trash");
     }
+    if (recording.journal != nullptr) {
+        vault.writeAhead = journalWriteAhead(*recording.journal, recording.title, recording.kind,
+                                             "caches", recording.context);
+    }
     MoveOutcome outcome = vault.move(vaultPlan, ticked, token, progress);
     for (const std::string& note : outcome.notes) {
         std::string path = note.substr(0, note.find(": "));
@@ -642,6 +646,9 @@ CleanResult CleaningService::clean(const CleanPlan& plan, const JournalRecording
             result.errors.push_back(
                 {"", std::string("The move was not written to Activity: ") + error.what()});
         }
+    } else if (recording.journal != nullptr) {
+        // Nothing moved: the record written ahead of the move is dropped.
+        recording.journal->record({}, recording.title, recording.kind, recording.context);
     }
     result.durationMs = millisecondsSince(start);
     return result;

@@ -1,6 +1,7 @@
 #include "cli/DiskCommand.h"
 
 #include "base/CleanerError.h"
+#include "cli/Arguments.h"
 #include "cli/HistoryCommand.h"
 #include "cli/Terminal.h"
 #include "core/ByteFormat.h"
@@ -105,7 +106,7 @@ void addDiskCommand(CLI::App& app, int& exitStatus) {
     command
         ->add_option("--budget", options->budget,
                      "Seconds the scan of your home may take (default 30)")
-        ->check(CLI::NonNegativeNumber);
+        ->check(finiteNonNegative());
     command->callback([options, &exitStatus] {
         DiskSurvey survey;
         survey.homeBudget = options->budget;

@@ -1,6 +1,7 @@
 #include "cli/HistoryCommand.h"
 
 #include "base/CleanerError.h"
+#include "cli/Arguments.h"
 #include "core/ByteFormat.h"
 #include "core/PathRules.h"
 #include "history/NcduExport.h"
@@ -156,8 +157,10 @@ void addSpaceHistoryOptions(CLI::App& space, SpaceHistoryOptions& options) {
                     "With --changes: compare with the last scan made on or before this date "
                     "(YYYY-MM-DD)")
         ->needs(space.get_option("--changes"));
-    space.add_option("--export", options.exportFile,
-                     "Also write the scan in ncdu's JSON format, for ncdu -f or gdu -f");
+    space
+        .add_option("--export", options.exportFile,
+                    "Also write the scan in ncdu's JSON format, for ncdu -f or gdu -f")
+        ->check(nonEmptyPath());
 }
 
 std::optional<std::int64_t> keepInHistory(const SpaceScanResult& result) {
@@ -220,7 +223,8 @@ void addHistoryCommand(CLI::App& app, int& exitStatus) {
     auto options = std::make_shared<Options>();
     CLI::App* command =
         app.add_subcommand("history", "List the scans kept of your home (or a folder in it)");
-    command->add_option("path", options->path, "A folder that was scanned (default: the home)");
+    command->add_option("path", options->path, "A folder that was scanned (default: the home)")
+        ->check(nonEmptyPath());
     command->add_flag("--json", options->json, "Write the list as JSON");
     command->callback([options, &exitStatus] {
         std::string root =

@@ -1,6 +1,7 @@
 #include "cli/MeasureCommand.h"
 
 #include "base/CleanerError.h"
+#include "cli/Arguments.h"
 #include "cli/Terminal.h"
 #include "core/ByteFormat.h"
 #include "core/CoreFileSystem.h"
@@ -123,7 +124,8 @@ void addMeasureCommand(CLI::App& app, int& exitStatus) {
     CLI::App* command = app.add_subcommand(
         "measure", "Show how much each path holds on disk and how much moving it would free");
     command->add_option("paths", options->paths, "Absolute paths inside your home folder")
-        ->required();
+        ->required()
+        ->check(nonEmptyPath());
     command->add_flag("--json", options->json, "Write the results as JSON");
     command->callback([options, &exitStatus] {
         OperationProgress progress;

@@ -1,6 +1,7 @@
 #include "cli/ReclaimCommands.h"
 
 #include "base/CleanerError.h"
+#include "cli/Arguments.h"
 #include "cli/Terminal.h"
 #include "core/ByteFormat.h"
 #include "core/PathRules.h"
@@ -78,7 +79,8 @@ void runTrash(const TrashOptions& options, int& exitStatus) {
         try {
             requested.push_back(normalizePath(path));
         } catch (const CleanerError& error) {
-            refused.push_back(path + ": " + error.what() + "\n    Nothing was moved.");
+            refused.push_back(readablePath(path) + ": " + error.what() +
+                              "\n    Nothing was moved.");
         }
     }
 
@@ -107,12 +109,12 @@ void runTrash(const TrashOptions& options, int& exitStatus) {
         }
         for (const VaultPlanItem& item : plan.items) {
             if (item.denied) {
-                std::printf("✗ %s\n    %s\n    %s: %s\n", item.resolvedPath.c_str(),
+                std::printf("✗ %s\n    %s\n    %s: %s\n", readablePath(item.resolvedPath).c_str(),
                             std::string(denyText(*item.denied)).c_str(),
                             std::string(platform::revealActionText()).c_str(),
-                            parentOf(item.resolvedPath).c_str());
+                            readablePath(parentOf(item.resolvedPath)).c_str());
             } else {
-                std::printf("✓ %s  %s%s\n", item.resolvedPath.c_str(),
+                std::printf("✓ %s  %s%s\n", readablePath(item.resolvedPath).c_str(),
                             formatBytes(item.physicalBytes).c_str(),
                             item.classification == VaultClassification::obviousUserData
                                 ? "  (looks like your own files)"
@@ -140,9 +142,18 @@ void runTrash(const TrashOptions& options, int& exitStatus) {
             }
         }
         if (!declined) {
+            const VaultPlanItem& first = plan.items[ticked.front()];
+            std::string title =
+                ticked.size() == 1
+                    ? readablePath(first.resolvedPath.substr(first.resolvedPath.rfind('/') + 1))
+                    : std::to_string(ticked.size()) + " items from the command line";
+            // Nothing reaches the Trash before the journal holds a record of it.
+            vault.writeAhead = journalWriteAhead(journal, title, JournalKind::findings, "findings");
             OperationProgress moving;
             runWithProgress(
-                [&](const std::stop_token& stop) { outcome = vault.move(plan, ticked, stop, &moving); },
+                [&](const std::stop_token& stop) {
+                    outcome = vault.move(plan, ticked, stop, &moving);
+                },
                 [&] {
                     OperationProgress::Reading now = moving.read();
                     return "Moving to the Trash… " + formatCount(now.done) + " of " +
@@ -154,15 +165,12 @@ void runTrash(const TrashOptions& options, int& exitStatus) {
                                  moved.identityToken, "findings", false, std::nullopt});
             }
             try {
-                std::string title =
-                    items.size() == 1
-                        ? items.front().originalPath.substr(items.front().originalPath.rfind('/') +
-                                                            1)
-                        : std::to_string(items.size()) + " items from the command line";
                 entryID = journal.record(std::move(items), title, JournalKind::findings);
             } catch (const CleanerError& error) {
-                outcome.notes.push_back(std::string("The move was not written to Activity: ") +
-                                        error.what());
+                // The write-ahead record stands: Put Back finds the items by their Trash records.
+                outcome.notes.push_back(
+                    std::string("Activity could not note where the items went (") + error.what() +
+                    "); they can still be put back from its entry.");
             }
         }
     }
@@ -187,8 +195,8 @@ void runTrash(const TrashOptions& options, int& exitStatus) {
         }
         json moved = json::array();
         for (const MovedItem& m : outcome.moved) {
-            moved.push_back({{"originalPath", m.originalPath},
-                             {"trashPath", m.trashPath},
+            moved.push_back({{"originalPath", journalPathText(m.originalPath)},
+                             {"trashPath", journalPathText(m.trashPath)},
                              {"bytes", m.bytes},
                              {"identityToken", m.identityToken}});
         }
@@ -213,7 +221,7 @@ void runTrash(const TrashOptions& options, int& exitStatus) {
     }
     for (const std::string& note : notes) {
         if (std::find(refused.begin(), refused.end(), note) == refused.end()) {
-            std::printf("%s\n", note.c_str());
+            std::printf("%s\n", readablePath(note).c_str());
         }
     }
     if (plan.items.empty() && refused.empty()) {
@@ -228,7 +236,8 @@ void addTrashCommand(CLI::App& app, int& exitStatus) {
     CLI::App* command = app.add_subcommand(
         "trash", "Move items to the Trash through the vault; each can be put back");
     command->add_option("paths", options->paths, "Absolute paths inside your home folder")
-        ->required();
+        ->required()
+        ->check(nonEmptyPath());
     command->add_flag("--yes", options->yes, "Move without asking");
     command->add_flag("--json", options->json, "Write the plan and the result as JSON");
     command->callback([options, &exitStatus] { runTrash(*options, exitStatus); });
@@ -274,8 +283,11 @@ void addActivityCommand(CLI::App& app, int& exitStatus) {
                         entry->items.size(), entry->items.size() == 1 ? "item" : "items",
                         formatBytes(bytes).c_str(), entry->id.substr(0, 8).c_str());
             for (const TrashedItem& item : entry->items) {
-                std::printf("    %s %s\n", item.restored ? "put back" : "in Trash",
-                            item.originalPath.c_str());
+                std::printf("    %s %s\n",
+                            item.restored            ? "put back"
+                            : item.trashPath.empty() ? "moving (not confirmed)"
+                                                     : "in Trash",
+                            readablePath(item.originalPath).c_str());
             }
             if (inTrash == 0) {
                 std::printf("    Everything here was put back.\n");
@@ -309,6 +321,14 @@ void addPutBackCommand(CLI::App& app, int& exitStatus) {
             return;
         }
         std::string id = entry->id;
+        if (options->group &&
+            std::none_of(entry->items.begin(), entry->items.end(),
+                         [&](const TrashedItem& item) { return item.group == *options->group; })) {
+            std::fprintf(stderr, "This entry has no group “%s”. Nothing was put back.\n",
+                         readablePath(*options->group).c_str());
+            exitStatus = 1;
+            return;
+        }
         size_t waiting = 0;
         for (const TrashedItem& item : entry->items) {
             waiting += !item.restored && (!options->group || item.group == *options->group) ? 1 : 0;
@@ -324,19 +344,29 @@ void addPutBackCommand(CLI::App& app, int& exitStatus) {
         TrashRestoreResult result;
         try {
             runWithProgress(
-                [&](const std::stop_token& stop) { result = journal.putBack(id, options->group, stop); },
+                [&](const std::stop_token& stop) {
+                    result = journal.putBack(id, options->group, stop);
+                },
                 [waiting] { return putBackProgressText(waiting); });
         } catch (const CleanerError& error) {
-            std::fprintf(stderr, "%s Nothing was put back.\n", error.what());
+            // The journal is written before anything moves, so a failure here moved nothing.
+            std::fprintf(
+                stderr,
+                "The activity journal could not be written (%s), so nothing was put back.\n",
+                error.what());
             exitStatus = 1;
             return;
         }
-        exitStatus = result.skipped.empty() && waiting > 0 ? 0 : 1;
+        for (const std::string& note : result.notes) {
+            std::fprintf(stderr, "%s\n", readablePath(note).c_str());
+        }
+        exitStatus = result.skipped.empty() && result.notes.empty() ? 0 : 1;
         if (options->json) {
             std::cout << dump(json{{"entryID", id},
                                    {"restoredIDs", result.restoredIDs},
                                    {"restoredBytes", result.restoredBytes},
                                    {"skipped", result.skipped},
+                                   {"notes", result.notes},
                                    {"message", putBackResultText(result)}})
                       << "\n";
             return;
@@ -345,7 +375,7 @@ void addPutBackCommand(CLI::App& app, int& exitStatus) {
         if (!result.skipped.empty()) {
             std::printf("%s\n", putBackSkippedText(result.skipped.size()).c_str());
             for (const std::string& path : result.skipped) {
-                std::printf("    %s\n", path.c_str());
+                std::printf("    %s\n", readablePath(path).c_str());
             }
         }
     });

@@ -1,6 +1,7 @@
 #include "cli/ReviewCommands.h"
 
 #include "base/CleanerError.h"
+#include "cli/Arguments.h"
 #include "cli/Terminal.h"
 #include "core/ByteFormat.h"
 #include "core/PathRules.h"
@@ -99,7 +100,7 @@ json duplicateJson(const DuplicateReport& report, const VaultPolicy& policy) {
 
 void printDuplicates(const DuplicateReport& report, const VaultPolicy& policy, bool wholeHome) {
     std::printf("%s\n%s\n", std::string(duplicateText::description).c_str(),
-                wholeHome ? std::string(duplicateText::scope).c_str()
+                wholeHome ? std::string(platform::duplicatesScopeText()).c_str()
                           : ("Looked in " + report.scope.root + ".").c_str());
     std::uint64_t total = 0;
     for (const DuplicateGroup& group : report.groups) {
@@ -197,8 +198,10 @@ void addDuplicatesCommand(CLI::App& app, int& exitStatus) {
     auto options = std::make_shared<Options>();
     CLI::App* command = app.add_subcommand(
         "duplicates", "Find files of 1 MB or more that exist more than once, byte for byte");
-    command->add_option("folder", options->folder,
-                        "An absolute folder inside your home folder (default: the home folder)");
+    command
+        ->add_option("folder", options->folder,
+                     "An absolute folder inside your home folder (default: the home folder)")
+        ->check(nonEmptyPath());
     command->add_flag("--json", options->json, "Write the report as JSON");
     command->callback([options, &exitStatus] {
         const std::string& home = homeDirectory();

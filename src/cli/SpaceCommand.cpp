@@ -1,6 +1,7 @@
 #include "cli/SpaceCommand.h"
 
 #include "base/CleanerError.h"
+#include "cli/Arguments.h"
 #include "cli/HistoryCommand.h"
 #include "cli/Terminal.h"
 #include "core/ByteFormat.h"
@@ -145,12 +146,13 @@ void addSpaceCommand(CLI::App& app, int& exitStatus) {
     auto options = std::make_shared<SpaceOptions>();
     CLI::App* command = app.add_subcommand(
         "space", "Show what fills your home folder, biggest folders and files first (reads only)");
-    command->add_option("path", options->path, "A folder inside your home (default: the home)");
+    command->add_option("path", options->path, "A folder inside your home (default: the home)")
+        ->check(nonEmptyPath());
     command->add_flag("--json", options->json, "Write the whole result as JSON");
     command
         ->add_option("--budget", options->budget,
                      "Seconds the scan may take before it shows what it measured (default 30)")
-        ->check(CLI::NonNegativeNumber);
+        ->check(finiteNonNegative());
     command
         ->add_option("--depth", options->depth,
                      "Levels of folders below the root shown as their own items (default 6)")

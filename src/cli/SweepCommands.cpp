@@ -58,6 +58,14 @@ struct SweepOptions {
     std::string bringBack;
 };
 
+// Settings that could not be read or saved are said once, on standard error; they never stop
+// the work itself.
+void reportSettings(const platform::UserDefaults& store) {
+    for (const std::string& problem : store.problems()) {
+        std::fprintf(stderr, "%s\n", problem.c_str());
+    }
+}
+
 void runSweep(const SweepOptions& options, int& exitStatus) {
     platform::UserDefaults store = platform::UserDefaults::standard();
     Sweep sweep(DistributionMode::direct, store, standardPolicy());
@@ -71,13 +79,25 @@ void runSweep(const SweepOptions& options, int& exitStatus) {
                 return;
             }
         }
+        const std::size_t failedBefore = store.failedWrites();
         if (!options.leaveOut.empty()) {
             sweep.leaveOut(options.leaveOut);
+        }
+        if (!options.bringBack.empty()) {
+            sweep.bringBack(options.bringBack);
+        }
+        reportSettings(store);
+        if (store.failedWrites() != failedBefore) {
+            std::fprintf(stderr, "What you asked for was not saved; the next Sweep still "
+                                 "includes the same targets.\n");
+            exitStatus = 1;
+            return;
+        }
+        if (!options.leaveOut.empty()) {
             std::printf("%s: %s\n", options.leaveOut.c_str(),
                         std::string(leftOutCatalogText).c_str());
         }
         if (!options.bringBack.empty()) {
-            sweep.bringBack(options.bringBack);
             std::printf("%s: %s\n", options.bringBack.c_str(),
                         std::string(broughtBackText).c_str());
         }
@@ -101,6 +121,10 @@ void runSweep(const SweepOptions& options, int& exitStatus) {
         reclaimKinds.insert(*kind);
     }
 
+    // A reclaim the person may still decline leaves nothing behind, not even the Sweep's record.
+    if (!reclaimKinds.empty()) {
+        store.holdWrites();
+    }
     SweepProgress progress;
     runWithProgress([&](const std::stop_token& stop) { sweep.run(stop, &progress); },
                     [&] {
@@ -129,12 +153,23 @@ void runSweep(const SweepOptions& options, int& exitStatus) {
         for (SweepTileKind kind : reclaimKinds) {
             bytes += sweep.tile(kind)->bytes;
         }
+        if (!options.json) {
+            std::vector<ListedMove> places;
+            for (SweepTileKind kind : reclaimKinds) {
+                std::vector<ListedMove> more = tileLocations(*sweep.tile(kind));
+                places.insert(places.end(), more.begin(), more.end());
+            }
+            std::printf("What will move:\n");
+            for (const std::string& line : moveListingLines(places)) {
+                std::printf("  %s\n", line.c_str());
+            }
+        }
         bool go = options.yes;
         if (!go && !options.json && ::isatty(STDIN_FILENO) == 1) {
-            go = confirm("Move " + formatBytes(bytes) + " to the Trash? " +
-                         std::string(sweepRecheckText));
+            go = confirm(moveQuestion(bytes) + " " + std::string(sweepRecheckText));
         }
         if (go) {
+            store.commitHeldWrites();
             ReclaimJournal journal = ReclaimJournal::standard();
             try {
                 for (const std::string& warning : journal.load()) {
@@ -147,6 +182,7 @@ void runSweep(const SweepOptions& options, int& exitStatus) {
                                                    " Nothing more was moved.");
             }
         } else {
+            store.dropHeldWrites();
             reclaimed = SweepReclaimResult{};
             reclaimed->refused = true;
             reclaimed->reclaimErrors.emplace_back(
@@ -159,6 +195,7 @@ void runSweep(const SweepOptions& options, int& exitStatus) {
         }
     }
 
+    reportSettings(store);
     if (options.json) {
         json tiles = json::array();
         for (const SweepTile& tile : sweep.tiles()) {
@@ -258,7 +295,7 @@ json scanJson(const ScanResult& scan) {
 }
 
 void runClean(const CleanOptions& options, int& exitStatus) {
-    std::vector<Target> catalog = buildCatalog(DistributionMode::direct);
+    std::vector<Target> catalog = platformCatalog(DistributionMode::direct);
     std::vector<Target> selected;
     if (options.targets.empty()) {
         selected = catalog;
@@ -321,16 +358,25 @@ void runClean(const CleanOptions& options, int& exitStatus) {
                             formatBytes(t.bytes).c_str());
             }
         }
-        std::printf("Measured %s. Moving it frees %s.\n", formatBytes(before->totalBytes).c_str(),
-                    formatBytes(plan.plannedFreeableBytes).c_str());
+        std::vector<ListedMove> items;
+        for (const CleanPath& p : plan.paths) {
+            items.push_back({p.url, p.physicalBytes});
+        }
+        std::printf("Measured %s. What will move:\n", formatBytes(before->totalBytes).c_str());
+        for (const std::string& line : moveListingLines(items)) {
+            std::printf("  %s\n", line.c_str());
+        }
         for (const CleanError& error : plan.errors) {
             std::printf("! %s: %s\n", error.path.c_str(), error.message.c_str());
         }
     }
     bool go = options.yes;
     if (!go && !plan.paths.empty() && !options.json && ::isatty(STDIN_FILENO) == 1) {
-        go = confirm("Move " + std::to_string(plan.paths.size()) + " items to the Trash? " +
-                     std::string(sweepRecheckText));
+        std::uint64_t moving = 0;
+        for (const CleanPath& p : plan.paths) {
+            moving += p.physicalBytes;
+        }
+        go = confirm(moveQuestion(moving) + " " + std::string(sweepRecheckText));
         if (go && !disruptive.empty()) {
             std::string names;
             for (const std::string& name : disruptive) {
@@ -446,12 +492,15 @@ void addCatalogCommand(CLI::App& app, int& exitStatus) {
     };
     auto options = std::make_shared<Options>();
     CLI::App* command = app.add_subcommand("catalog", "List the known caches and where they live");
+#ifdef __APPLE__
+    // Only the Mac has a store distribution; elsewhere there is one Sparrowdeck.
     command->add_flag("--store", options->store, "The catalog of the store distribution");
+#endif
     command->add_flag("--json", options->json, "Write the catalog as JSON");
     command->callback([options, &exitStatus] {
         (void)exitStatus;
         std::vector<Target> catalog =
-            buildCatalog(options->store ? DistributionMode::appStore : DistributionMode::direct);
+            platformCatalog(options->store ? DistributionMode::appStore : DistributionMode::direct);
         platform::UserDefaults store = platform::UserDefaults::standard();
         Sweep sweep(DistributionMode::direct, store, standardPolicy());
         std::set<std::string> skipped = sweep.skippedTargets();

@@ -3,8 +3,10 @@
 #include "base/CleanerError.h"
 #include "core/CoreFileSystem.h"
 #include "core/MockRoots.h"
+#include "platform/Dirs.h"
 #include "platform/Home.h"
 #include "platform/ScopeTables.h"
+#include "platform/UserDirs.h"
 
 #include <algorithm>
 #include <climits>
@@ -118,6 +120,10 @@ const ScopeTables& tables() {
             std::string full = foldPath(base + "/" + std::string(row));
             t.protectedRows.emplace_back(full, full + "/");
         }
+        for (const std::string& own : ownRecordLocations()) {
+            std::string full = foldPath(own);
+            t.protectedRows.emplace_back(full, full + "/");
+        }
         for (std::string_view row : scope::allAppDataLocations()) {
             t.appDataRowsFolded.push_back(foldPath(base + "/" + std::string(row)));
         }
@@ -207,6 +213,10 @@ bool isInside(std::string_view path, std::string_view root) noexcept {
         return false;
     }
     return path.size() == root.size() || path[root.size()] == '/';
+}
+
+std::vector<std::string> ownRecordLocations() {
+    return {platform::supportDirectory(), platform::configHome() + "/sparrowdeck"};
 }
 
 bool isProtected(std::string_view path) {
@@ -310,6 +320,17 @@ std::vector<std::string_view> scope::allProtectedLocations() {
     std::vector<std::string_view> rows(protectedLocations.begin(), protectedLocations.end());
     auto extra = platform::extraProtectedLocations();
     rows.insert(rows.end(), extra.begin(), extra.end());
+    const std::vector<std::string>& recorded = platform::userDirectories();
+    rows.insert(rows.end(), recorded.begin(), recorded.end());
+    return rows;
+}
+
+std::vector<std::string_view> scope::ownFolders() {
+    std::vector<std::string_view> rows(sharedOwnFolders.begin(), sharedOwnFolders.end());
+    auto extra = platform::extraOwnFolders();
+    rows.insert(rows.end(), extra.begin(), extra.end());
+    const std::vector<std::string>& recorded = platform::userDirectories();
+    rows.insert(rows.end(), recorded.begin(), recorded.end());
     return rows;
 }
 

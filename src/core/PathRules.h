@@ -24,7 +24,12 @@ std::string normalizePath(std::string_view path);
 // True when `path` is `root` or lies below it, component by component.
 bool isInside(std::string_view path, std::string_view root) noexcept;
 
-// True when the folded path is, or lies inside, one of the protected user locations.
+// Sparrowdeck's own records as absolute paths: the support folder that holds the journal and
+// the folder that holds the settings. Moving either would silently start them anew.
+std::vector<std::string> ownRecordLocations();
+
+// True when the folded path is, or lies inside, one of the protected user locations or
+// Sparrowdeck's own records.
 bool isProtected(std::string_view path);
 
 // The path a mover may act on, or a thrown CleanerError naming the first rule it breaks:
@@ -90,6 +95,10 @@ inline constexpr std::array<std::string_view, 24> protectedLocations{
     "Library/Containers/com.docker.docker",
 };
 
+inline constexpr std::array<std::string_view, 5> sharedOwnFolders{
+    "Documents", "Desktop", "Pictures", "Movies", "Music",
+};
+
 inline constexpr std::array<std::string_view, 8> sensitiveNames{
     "keychain", "backup", ".ssh", ".gnupg", "credentials", "secrets", "tokens", ".env",
 };
@@ -139,8 +148,14 @@ inline constexpr std::array<std::string_view, 3> telegramCacheFolders{
     "logs",
 };
 
-// The shared rows followed by the platform's own, as the rules apply them.
+// The shared rows followed by the platform's own and then the desktop's record of the user's own
+// folders (localized names included), as the rules apply them.
 std::vector<std::string_view> allProtectedLocations();
+
+// The folders where a person keeps their own work, relative to the home: the shared ones
+// (Documents, Desktop, Pictures, Movies, Music), the platform's, and the desktop's record of the
+// user's own folders. A copy there is the one a person expects to keep.
+std::vector<std::string_view> ownFolders();
 std::vector<std::string_view> allAppDataLocations();
 
 } // namespace scope

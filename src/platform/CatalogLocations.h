@@ -18,4 +18,17 @@ struct CatalogLocation {
 
 std::span<const CatalogLocation> extraCatalogLocations();
 
+// False for a path template that cannot exist on this platform (on Linux, anything in ~/Library).
+// Such a location is never measured, listed or counted here.
+bool templateExistsHere(std::string_view pathTemplate);
+
+// A target's title and subtitle in this platform's words, where the shared ones name another
+// system's things ("Quick Look thumbnails" is "Thumbnails" on Linux).
+struct TargetWording {
+    std::string_view targetID;
+    std::string_view title;
+    std::string_view subtitle;
+};
+std::span<const TargetWording> targetWordings();
+
 } // namespace sd::platform

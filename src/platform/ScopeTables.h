@@ -10,6 +10,9 @@ namespace sd::platform {
 std::span<const std::string_view> extraProtectedLocations();
 std::span<const std::string_view> extraAppDataLocations();
 
+// The user's own folders this platform adds to the shared ones (Documents, Desktop, …), by name.
+std::span<const std::string_view> extraOwnFolders();
+
 // Cloud-synchronised folders this platform adds, whose contents may not be on this disk at all.
 std::span<const std::string_view> extraCloudFolders();
 

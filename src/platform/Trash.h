@@ -49,4 +49,9 @@ std::vector<TrashedEntry> listTrash();
 // The folders that hold trashed items ("files" folders), existing ones only.
 std::vector<std::string> trashFolders();
 
+// Where the Trash's own info record says the item at `trashPath` came from, as an absolute path.
+// Empty when `trashPath` is not directly inside one of trashFolders(), or its record is missing
+// or unreadable.
+std::optional<std::string> recordedOrigin(const std::string& trashPath);
+
 } // namespace sd::platform

@@ -30,4 +30,17 @@ std::string_view cloneCopiesName();
 // The sentence that tells what the large-and-old search looked at and what it left out.
 std::string_view largeOldScopeText();
 
+// The same for the duplicate search.
+std::string_view duplicatesScopeText();
+
+// A few of the user's own folders, by the names this system gives them, to stand for all of
+// them in a sentence: "Downloads, Documents, Movies".
+std::string_view ownFoldersExamples();
+
+// What an app's own identifier is called ("bundle ID").
+std::string_view appIdName();
+
+// How a sentence says an app is installed: "in Applications", "installed".
+std::string_view installedAppsPhrase();
+
 } // namespace sd::platform

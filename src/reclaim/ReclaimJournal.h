@@ -50,6 +50,9 @@ struct TrashRestoreResult {
     std::set<std::string> restoredIDs;
     std::uint64_t restoredBytes = 0;
     std::vector<std::string> skipped;
+    // A sentence for each item refused because the journal's record of it cannot be trusted, and
+    // for a journal that could not be updated after items went back.
+    std::vector<std::string> notes;
 };
 
 // The record of everything moved to the Trash, behind the Activity list and Put Back. Several
@@ -70,13 +73,22 @@ public:
     const std::optional<std::string>& file() const noexcept { return file_; }
     const JournalEntry* find(std::string_view idOrPrefix) const;
 
-    // Appends moved items to the entry named by `context`, or to a new entry. Returns the
-    // entry's id. Nothing is written when `items` is empty.
+    // Writes the items about to move (their trashPath still empty) as a pending entry, opened and
+    // locked, before anything moves. Throws CleanerError when that cannot be done: then nothing
+    // may move. The next record() replaces the pending items with what really moved.
+    void writeAhead(std::vector<TrashedItem> planned, const std::string& title, JournalKind kind,
+                    const std::optional<JournalContext>& context = std::nullopt);
+
+    // Appends moved items to the entry named by `context`, the pending entry of writeAhead(), or
+    // a new entry, and drops the pending items that did not move. Returns the entry's id.
+    // Nothing is written when `items` is empty and nothing is pending.
     std::string record(std::vector<TrashedItem> items, const std::string& title, JournalKind kind,
                        const std::optional<JournalContext>& context = std::nullopt);
 
     // Returns the entry's items still in the Trash (only those of `group` when given) to where
-    // they were, and marks the ones that went back.
+    // they were, and marks the ones that went back. Nothing moves unless the journal can be
+    // written first; an item whose recorded paths fall outside what Sparrowdeck itself writes, or
+    // whose Trash record or birth no longer match the move, stays where it is with a note.
     TrashRestoreResult putBack(const std::string& entryID, const std::optional<std::string>& group,
                                const std::stop_token& stop = {});
 
@@ -85,10 +97,17 @@ public:
 
 private:
     template <typename Change> void update(Change&& change);
+    void rememberBirths(const std::vector<TrashedItem>& items);
+
+    struct Pending {
+        std::string entryID;
+        std::vector<std::pair<std::string, std::string>> items; // original path, identity token
+    };
 
     std::optional<std::string> file_;
     std::vector<JournalEntry> entries_;
     std::vector<std::string> warnings_;
+    std::optional<Pending> pending_;
 };
 
 // Texts of Put Back.
@@ -96,6 +115,15 @@ std::string putBackProgressText(std::uint64_t count);
 std::string putBackResultText(const TrashRestoreResult& result);
 std::string putBackSkippedText(std::uint64_t count);
 inline constexpr std::string_view putBackConfirmationText = "Each goes back exactly where it was.";
+
+// A path as the journal file writes it: bytes that are not part of well-formed UTF-8, and "%"
+// itself, escaped as %XX the way Trash info files escape them, so any name the disk can hold is
+// recorded exactly and the file stays valid JSON.
+std::string journalPathText(std::string_view path);
+// The bytes a journal path stands for; empty when an escape is malformed.
+std::optional<std::string> pathFromJournalText(std::string_view text);
+// A path for people to read: well-formed UTF-8 as it is, any other byte as %XX.
+std::string readablePath(std::string_view path);
 
 // The entry as the journal file writes it.
 nlohmann::json journalEntryToJson(const JournalEntry& entry);

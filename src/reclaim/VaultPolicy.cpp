@@ -142,6 +142,9 @@ VaultPolicy::VaultPolicy(std::string home, VCSIgnoreCheck vcsIgnore)
     for (std::string_view row : scope::allProtectedLocations()) {
         add(row, false);
     }
+    for (const std::string& own : ownRecordLocations()) {
+        protected_.push_back({foldPath(own), own, false});
+    }
     for (std::string_view row : sharedCloudRows) {
         add(row, true);
     }

@@ -382,6 +382,24 @@ std::string stayedNote(const std::string& path, VaultDenyReason reason) {
     return path + ": " + std::string(why) + " — left in place.";
 }
 
+std::string unrecordedMoveNote(const std::string& why) {
+    return "The activity journal could not record the move (" + why + "), so nothing was moved.";
+}
+
+VaultService::WriteAhead journalWriteAhead(ReclaimJournal& journal, std::string title,
+                                           JournalKind kind, std::string group,
+                                           std::optional<JournalContext> context) {
+    return [&journal, title = std::move(title), kind, group = std::move(group),
+            context = std::move(context)](const std::vector<RecycleRequest>& requests) {
+        std::vector<TrashedItem> planned;
+        for (const RecycleRequest& request : requests) {
+            planned.push_back({request.path, std::string(), request.bytes,
+                               identityToken(request.identity), group, false, std::nullopt});
+        }
+        journal.writeAhead(std::move(planned), title, kind, context);
+    };
+}
+
 std::vector<RecycleAnswer> recycleToTrash(const std::vector<RecycleRequest>& requests) {
     std::vector<RecycleAnswer> answers(requests.size());
     for (size_t i = 0; i < requests.size(); ++i) {
@@ -411,8 +429,8 @@ std::vector<RecycleAnswer> recycleToTrash(const std::vector<RecycleRequest>& req
             } else if (moved.nonTrashable) {
                 answer.error = stayedNote(request.path, VaultDenyReason::nonTrashableVolume);
             } else {
-                answer.error = request.path + ": the Trash refused it (" +
-                               errorText(moved.error) + ") — left in place.";
+                answer.error = request.path + ": the Trash refused it (" + errorText(moved.error) +
+                               ") — left in place.";
             }
         } catch (const CleanerError& error) {
             answer.error = request.path + ": " + error.what() + " — left in place.";
@@ -549,6 +567,22 @@ MoveOutcome VaultService::move(const VaultPlan& plan, std::vector<size_t> ticked
         requests.reserve(validated.size());
         for (const VaultPlanItem& item : validated) {
             requests.push_back({item.resolvedPath, item.identity(), item.physicalBytes});
+        }
+        if (writeAhead) {
+            std::optional<std::string> unrecorded;
+            try {
+                writeAhead(requests);
+            } catch (const std::exception& error) {
+                unrecorded = error.what();
+            }
+            if (unrecorded) {
+                outcome.notes.push_back(unrecordedMoveNote(*unrecorded));
+                for (size_t index : passing) {
+                    outcome.stayed.emplace_back(index, std::nullopt);
+                    finished(nullptr);
+                }
+                return outcome;
+            }
         }
         std::vector<RecycleAnswer> answers = recycle(requests);
         answers.resize(requests.size());

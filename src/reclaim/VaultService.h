@@ -2,6 +2,7 @@
 
 #include "base/Progress.h"
 #include "core/Ledgers.h"
+#include "reclaim/ReclaimJournal.h"
 #include "reclaim/VaultPolicy.h"
 #include "reclaim/VaultTypes.h"
 
@@ -66,10 +67,14 @@ public:
     using Validator =
         std::function<VaultPlanItem(const VaultPlanItem& item, const std::string& nonce)>;
     using Recycle = std::function<std::vector<RecycleAnswer>(const std::vector<RecycleRequest>&)>;
+    // Records what is about to move before anything moves (the journal's write-ahead). Throws
+    // when it cannot; then nothing moves.
+    using WriteAhead = std::function<void(const std::vector<RecycleRequest>&)>;
 
     Planner planner;
     Validator validator;
     Recycle recycle;
+    WriteAhead writeAhead;
 
     // The production vault over `policy`. `isCatalogued` tells which paths are known catalog
     // targets; `descendants` which rules judge what lies inside an item.
@@ -96,6 +101,15 @@ std::vector<RecycleAnswer> recycleToTrash(const std::vector<RecycleRequest>& req
 // The closest folder above `path` that holds a repository marker (".git", ".hg", ".svn",
 // ".fossil"), looked up by name without following links.
 std::optional<std::string> enclosingRepository(const std::string& path);
+
+// The sentence of a move that stopped before anything moved because the journal could not
+// record it first.
+std::string unrecordedMoveNote(const std::string& why);
+
+// A write-ahead into `journal` for the items a move is about to hand to the Trash.
+VaultService::WriteAhead journalWriteAhead(ReclaimJournal& journal, std::string title,
+                                           JournalKind kind, std::string group,
+                                           std::optional<JournalContext> context = std::nullopt);
 
 // The last note of a move that a stop ended early.
 inline constexpr std::string_view stoppedNote = "Stopped; the rest wasn't moved.";

@@ -36,9 +36,6 @@ constexpr double measureAfter = 0.05; // seconds
 constexpr auto reportEvery = std::chrono::milliseconds(100);
 constexpr size_t warningLimit = 20;
 
-constexpr std::array<std::string_view, 5> ownFolders{"Documents", "Desktop", "Pictures", "Movies",
-                                                     "Music"};
-
 Clock::duration secondsToDuration(double seconds) {
     return std::chrono::duration_cast<Clock::duration>(
         std::chrono::duration<double>(std::max(0.0, seconds)));
@@ -576,7 +573,7 @@ void recheck(WorkUnit& unit, Comparison& comparison) {
 }
 
 bool inOwnFolders(const std::string& foldedPath, const std::string& foldedHome) {
-    for (std::string_view folder : ownFolders) {
+    for (std::string_view folder : scope::ownFolders()) {
         if (isInside(foldedPath, foldedHome + "/" + foldPath(folder))) {
             return true;
         }

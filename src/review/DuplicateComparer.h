@@ -112,8 +112,6 @@ inline constexpr std::string_view description =
     "Files of 1 MB or more that are the same byte for byte — compared by their contents, never by "
     "name or date. One copy in each group is suggested to keep and always stays; nothing is "
     "selected for you.";
-inline constexpr std::string_view scope =
-    "Looked in your home folder, except Library, the Trash, cloud folders and tool caches.";
 inline constexpr std::string_view keepLabel = "Oldest copy in your own folders";
 inline constexpr std::string_view timeLimit =
     "Stopped at the time limit — these groups are confirmed.";

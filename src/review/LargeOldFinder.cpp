@@ -238,9 +238,9 @@ std::vector<std::string> largeOldReportNotes(const LargeOldReport& report,
     }
     if (kept > 0) {
         bool one = kept == 1;
-        notes.push_back(formatCount(kept) + (one ? " item is" : " items are") +
-                        " in Downloads, Documents, Movies or another folder Sparrowdeck never "
-                        "moves things from. Open " +
+        notes.push_back(formatCount(kept) + (one ? " item is" : " items are") + " in " +
+                        std::string(platform::ownFoldersExamples()) +
+                        " or another folder Sparrowdeck never moves things from. Open " +
                         (one ? "it" : "them") + " in " + std::string(platform::fileManagerName()) +
                         " to decide.");
     }

@@ -32,14 +32,18 @@ ReviewMoveResult moveReviewedItems(const VaultService& vault, ReclaimJournal& jo
         }
         ticked.push_back(i); // denied items stay, each with its sentence
     }
-    result.outcome = vault.move(result.plan, ticked, stop);
+    VaultService recorded = vault;
+    recorded.writeAhead = journalWriteAhead(journal, title, JournalKind::findings, group);
+    result.outcome = recorded.move(result.plan, ticked, stop);
     std::vector<TrashedItem> moved;
     for (const MovedItem& m : result.outcome.moved) {
         moved.push_back(
             {m.originalPath, m.trashPath, m.bytes, m.identityToken, group, false, std::nullopt});
     }
-    if (!moved.empty()) {
-        result.entryID = journal.record(std::move(moved), title, JournalKind::findings);
+    // Called when nothing moved too, so the record written ahead of the move is dropped.
+    std::string entryID = journal.record(std::move(moved), title, JournalKind::findings);
+    if (!result.outcome.moved.empty()) {
+        result.entryID = entryID;
     }
     return result;
 }

@@ -5,6 +5,7 @@
 #include "catalog/InclusionPreferences.h"
 #include "core/CoreFileSystem.h"
 #include "platform/Trash.h"
+#include "platform/Words.h"
 
 #include <algorithm>
 #include <array>
@@ -104,6 +105,30 @@ bool tileHoldsTarget(SweepTileKind kind, std::string_view id) {
     }
 }
 
+std::vector<ListedMove> tileLocations(const SweepTile& tile) {
+    std::vector<ListedMove> out;
+    if (!tile.scanResult) {
+        return out;
+    }
+    for (const PathSize& measured : tile.scanResult->perPathBytes) {
+        if (measured.bytes == 0) {
+            continue;
+        }
+        for (const Target& target : tile.targets) {
+            for (const PathSpec& spec : target.paths) {
+                if (target.id == measured.targetId && spec.id == measured.pathId) {
+                    std::string shown = spec.pathTemplate;
+                    if (spec.pattern) {
+                        shown += "/" + *spec.pattern;
+                    }
+                    out.push_back({shown, measured.bytes});
+                }
+            }
+        }
+    }
+    return out;
+}
+
 std::string tileTitle(const SweepTile& tile) {
     switch (tile.kind) {
     case SweepTileKind::developer: {
@@ -160,7 +185,8 @@ std::string tileSubtitle(const SweepTile& tile) {
                " · each rebuilds what it needs" + leftOutSuffix(tile);
     }
     case SweepTileKind::installers:
-        return "Disk images and packages for apps already in Applications";
+        return "Disk images and packages for apps already " +
+               std::string(platform::installedAppsPhrase());
     case SweepTileKind::redownloads: {
         size_t models = 0;
         if (tile.scanResult) {
@@ -172,7 +198,8 @@ std::string tileSubtitle(const SweepTile& tile) {
                " models · downloaded again on use" + leftOutSuffix(tile);
     }
     case SweepTileKind::leftovers:
-        return "0 removed apps · matched by bundle ID, never by name";
+        return "0 removed apps · matched by " + std::string(platform::appIdName()) +
+               ", never by name";
     case SweepTileKind::trash:
         return "Only emptying it frees space, and that can’t be undone — so it’s its own button.";
     }
@@ -182,7 +209,7 @@ std::string tileSubtitle(const SweepTile& tile) {
 Sweep::Sweep(DistributionMode distribution, platform::UserDefaults store,
              std::shared_ptr<const VaultPolicy> policy)
     : distribution_(distribution), store_(std::move(store)), policy_(std::move(policy)),
-      allTargets_(buildCatalog(distribution)) {}
+      allTargets_(platformCatalog(distribution)) {}
 
 const SweepTile* Sweep::tile(SweepTileKind kind) const {
     for (const SweepTile& t : tiles_) {

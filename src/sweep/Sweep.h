@@ -3,6 +3,7 @@
 #include "base/Progress.h"
 #include "catalog/Catalog.h"
 #include "catalog/CleaningService.h"
+#include "core/MoveListing.h"
 #include "platform/UserDefaults.h"
 #include "reclaim/ReclaimJournal.h"
 
@@ -45,6 +46,10 @@ struct SweepTile {
 };
 
 std::string tileTitle(const SweepTile& tile);
+
+// The places a tile would move, each with what it measured there, for a person to read before
+// anything moves: "~/.cache/pip", "~/.cache/mozilla/firefox/*/cache2".
+std::vector<ListedMove> tileLocations(const SweepTile& tile);
 std::string tileSubtitle(const SweepTile& tile);
 
 struct SweepHighlight {

@@ -166,7 +166,10 @@ private slots:
         QVERIFY(sweep->runner().isRunning());
         QTRY_VERIFY_WITH_TIMEOUT(!sweep->runner().isRunning(), 60000);
         QVERIFY(sweep->state().sweep != nullptr);
-        QVERIFY(!sweep->state().selection.empty());
+        // A Sweep ticks nothing by itself; the person ticks a tile, and then Return asks.
+        QVERIFY(sweep->state().selection.empty());
+        clickTile(sweep->tileView(), static_cast<int>(SweepTileKind::developer));
+        QCOMPARE(sweep->state().selection, std::set<SweepTileKind>{SweepTileKind::developer});
         std::string before = test::checksums(cacheFolders({"python_tools"}));
         bool asked = false;
         QTimer::singleShot(0, this, [&] {
@@ -187,6 +190,9 @@ private slots:
         QTRY_VERIFY(window_->isActiveWindow());
         QVERIFY(!sweep->runner().isRunning());
         QCOMPARE(test::checksums(cacheFolders({"python_tools"})), before);
+        // Untick it again, so the next Sweep has nothing of the person's to remember.
+        clickTile(sweep->tileView(), static_cast<int>(SweepTileKind::developer));
+        QVERIFY(sweep->state().chosen.empty());
 
         // Cleanup: Return measures.
         press(Qt::Key_2, Qt::ControlModifier);
@@ -480,12 +486,10 @@ private slots:
         QVERIFY(page->state().sweep->tile(SweepTileKind::trash)->bytes > 0);
         shoot("sweep-results");
 
-        // Every tile that comes back starts ticked; leave only the developer tile ticked.
-        for (SweepTileKind kind : {SweepTileKind::appCaches, SweepTileKind::redownloads}) {
-            QVERIFY(page->state().selection.count(kind) != 0);
-            clickTile(page->tileView(), static_cast<int>(kind));
-            QVERIFY(page->state().selection.count(kind) == 0);
-        }
+        // Nothing starts ticked; the person ticks the developer tile, and that is remembered.
+        QVERIFY(page->state().selection.empty());
+        clickTile(page->tileView(), static_cast<int>(SweepTileKind::developer));
+        QCOMPARE(platform::UserDefaults::standard().string(chosenTilesKey), "developer");
         // The Trash tile is never ticked, whatever is clicked.
         clickTile(page->tileView(), static_cast<int>(SweepTileKind::trash));
         QCOMPARE(page->state().selection, std::set<SweepTileKind>{SweepTileKind::developer});
@@ -498,6 +502,12 @@ private slots:
         QTRY_VERIFY_WITH_TIMEOUT(!page->runner().isRunning(), 60000);
         QVERIFY2(page->banner()->text().startsWith("Moved"), qPrintable(page->banner()->text()));
         shoot("sweep-reclaimed");
+        // The tiles are measured again at once: the developer caches are gone from theirs, the
+        // Trash holds what du finds there, and the remembered tick is back on nothing to move.
+        QCOMPARE(page->state().sweep->tile(SweepTileKind::developer)->bytes, std::uint64_t{0});
+        QCOMPARE(page->state().sweep->tile(SweepTileKind::trash)->bytes,
+                 test::peerAllocatedBytes(test::fixtureHome() + "/.local/share/Trash/files"));
+        QVERIFY(page->state().selection.empty());
 
         // The Space Map lost the moved caches without scanning again.
         SpaceMapPage* map = window_->spaceMapPage();
@@ -683,12 +693,13 @@ private slots:
     void largeOldListsWithEvidence() {
         const std::string& h = test::fixtureHome();
         // Files last touched 600 days before a "now" 500 days ahead: long unopened by then.
-        test::runShell(
-            "cd " + test::shellQuote(h) +
-            " && mkdir -p Videos Documents"
-            " && head -c 53000000 /dev/zero | tr '\\0' v > 'Videos/2019 trip.mkv'"
-            " && head -c 54000000 /dev/zero | tr '\\0' d > Documents/old-laptop.zip"
-            " && touch -d '100 days ago' 'Videos/2019 trip.mkv' Documents/old-laptop.zip");
+        test::runShell("cd " + test::shellQuote(h) +
+                       " && mkdir -p Films Videos Documents"
+                       " && head -c 53000000 /dev/zero | tr '\\0' v > 'Films/2019 trip.mkv'"
+                       " && head -c 52600000 /dev/zero | tr '\\0' w > 'Videos/wedding.mkv'"
+                       " && head -c 54000000 /dev/zero | tr '\\0' d > Documents/old-laptop.zip"
+                       " && touch -d '100 days ago' 'Films/2019 trip.mkv' Videos/wedding.mkv"
+                       " Documents/old-laptop.zip");
         LargeOldOptions options;
         options.now = std::chrono::system_clock::now() + std::chrono::hours(24 * 500);
         window_->showScreen(MainWindow::Screen::largeOld);
@@ -697,7 +708,7 @@ private slots:
         QTest::mouseClick(page->searchButton(), Qt::LeftButton);
         QTRY_VERIFY_WITH_TIMEOUT(!page->runner().isRunning(), 60000);
         QAbstractItemModel& model = page->model();
-        QCOMPARE(model.rowCount(), 2);
+        QCOMPARE(model.rowCount(), 3);
         // Biggest first: the zip in Documents, which stays where it is.
         QModelIndex zip = model.index(0, 0);
         QModelIndex video = model.index(1, 0);
@@ -711,6 +722,11 @@ private slots:
                     .toString()
                     .startsWith("Not opened since"));
         QVERIFY(model.setData(video, Qt::Checked, Qt::CheckStateRole));
+        // A video in the desktop's own Videos folder is shown, and never offered.
+        QModelIndex wedding = model.index(2, 0);
+        QVERIFY(wedding.data(pathRole).toString().endsWith("Videos/wedding.mkv"));
+        QVERIFY(wedding.data(deniedRole).toBool());
+        QVERIFY(!model.setData(wedding, Qt::Checked, Qt::CheckStateRole));
         QVERIFY(page->moveButton()->isEnabled());
         shoot("large-old");
     }

@@ -82,7 +82,8 @@ void FakeAssistantTool::setVersionText(const std::string& text) {
 void FakeAssistantTool::setHelpFlags(const std::vector<std::string>& flags) {
     std::string help = "Usage: tool [options]\n\nOptions:\n";
     for (const std::string& flag : flags) {
-        help += "  " + flag + " <value>    Does something useful (see " + flag + "=x)\n";
+        help.append("  ").append(flag).append(" <value>    Does something useful (see ");
+        help.append(flag).append("=x)\n");
     }
     help += "  -h, --help    Display help\n";
     put("help.txt", help);

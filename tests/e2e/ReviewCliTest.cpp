@@ -1,6 +1,7 @@
 // `sparrowdeck duplicates` and `sparrowdeck large-old` as a user runs them: a separate process
 // pointed at a fixture home.
 #include "Fixture.h"
+#include "platform/Words.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -68,8 +69,7 @@ TEST(DuplicatesCommand, ReportsGroupsAsJsonAndForPeople) {
     CliRun human = sparrowdeck(home, "duplicates");
     ASSERT_EQ(human.status, 0);
     for (const std::string& line : std::vector<std::string>{
-             "Looked in your home folder, except Library, the Trash, cloud folders and tool "
-             "caches.",
+             std::string(platform::duplicatesScopeText()),
              "  keep " + home + "/Documents/copy.bin  — The last copy in a group always stays",
              "       " + home +
                  "/stuff/copy-link.bin  — Shares its space with another name, so "

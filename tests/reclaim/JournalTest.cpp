@@ -242,3 +242,73 @@ TEST(PutBack, AGroupGoesBackAlone) {
 
 } // namespace
 } // namespace sd
+
+namespace sd {
+namespace {
+
+TEST(JournalRecords, PathsOfAnyBytesRoundTripAndStayReadable) {
+    struct Case {
+        std::string path;
+        std::string written; // as the journal file holds it
+    };
+    const std::vector<Case> cases{
+        {"/home/u/plain name.txt", "/home/u/plain name.txt"},
+        {"/home/u/caf\xC3\xA9 composed", "/home/u/caf\xC3\xA9 composed"},
+        {"/home/u/Cafe\xCC\x81 decomposed", "/home/u/Cafe\xCC\x81 decomposed"},
+        {"/home/u/bad\xFF\xFE.txt", "/home/u/bad%FF%FE.txt"},
+        {"/home/u/100% %41", "/home/u/100%25 %2541"},
+        {"/home/u/cut \xC3", "/home/u/cut %C3"},
+        {"/home/u/line\nbreak", "/home/u/line\nbreak"},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(journalPathText(c.path), c.written) << c.path;
+        EXPECT_EQ(pathFromJournalText(c.written), c.path) << c.written;
+    }
+    EXPECT_EQ(readablePath("/home/u/bad\xFF\xFE.txt"), "/home/u/bad%FF%FE.txt");
+    EXPECT_EQ(readablePath("/home/u/100%"), "/home/u/100%");
+    EXPECT_FALSE(pathFromJournalText("/home/u/%G1"));
+}
+
+// Values a hand-edited journal may hold that no save ever writes: the whole file is kept aside,
+// never read as some other number.
+TEST(JournalRecords, OutOfRangeOrWrongTypedValuesKeepTheFileAside) {
+    const nlohmann::json good = nlohmann::json::parse(R"([{
+        "id": "1A2B3C4D-0000-4000-8000-000000000000", "date": "2024-01-01T00:00:00Z",
+        "title": "t", "kind": "findings", "targetBytes": {"a": 1},
+        "items": [{"originalPath": "/home/u/a", "trashPath": "/home/u/.local/share/Trash/files/a",
+                   "bytes": 1, "identityToken": "1:2", "group": "g", "restored": false}]}])");
+    const std::vector<std::pair<std::string, nlohmann::json>> edits{
+        {"/0/items/0/bytes", -1},
+        {"/0/items/0/bytes", 1e300},
+        {"/0/items/0/bytes", 1.5},
+        {"/0/items/0/bytes", "12"},
+        {"/0/items/0/restored", "false"},
+        {"/0/items/0/originalPath", 7},
+        {"/0/items/0/trashPath", "/home/u/%ZZ"},
+        {"/0/items", nlohmann::json::object()},
+        {"/0/targetBytes/a", -5},
+        {"/0/kind", "deleted"},
+    };
+    for (const auto& [pointer, value] : edits) {
+        SCOPED_TRACE(pointer + " = " + value.dump());
+        std::string file = test::freshFolder("journal-strict") + "/journal.json";
+        nlohmann::json edited = good;
+        edited[nlohmann::json::json_pointer(pointer)] = value;
+        test::writeFile(file, edited.dump());
+        ReclaimJournal journal(file);
+        std::vector<std::string> warnings = journal.load();
+        ASSERT_EQ(warnings.size(), 1U);
+        EXPECT_THAT(warnings.front(),
+                    ::testing::StartsWith("The activity journal could not be read"));
+        EXPECT_TRUE(journal.entries().empty());
+        EXPECT_NE(::access(file.c_str(), F_OK), 0) << "kept aside under another name";
+    }
+    std::string file = test::freshFolder("journal-strict") + "/journal.json";
+    test::writeFile(file, good.dump());
+    ReclaimJournal journal(file);
+    EXPECT_TRUE(journal.load().empty()) << "the unedited file reads";
+    ASSERT_EQ(journal.entries().size(), 1U);
+}
+
+} // namespace
+} // namespace sd

@@ -25,15 +25,6 @@ double nowSeconds() {
         .count();
 }
 
-std::string isoDate(double seconds) {
-    auto whole = static_cast<std::time_t>(seconds);
-    std::tm utc{};
-    ::gmtime_r(&whole, &utc);
-    char text[40];
-    std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S.123456Z", &utc);
-    return text;
-}
-
 // Sets access and modification times; the change time becomes now, as it always does.
 void setTimes(const std::string& path, double accessed, double modified) {
     auto asTimespec = [](double t) {
@@ -43,35 +34,86 @@ void setTimes(const std::string& path, double accessed, double modified) {
     ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW), 0) << path;
 }
 
+// A bookmark for the desktop's recently-used list; times are seconds since 1970, 0 for none.
+struct Bookmark {
+    std::string path;
+    double added = 0;
+    double visited = 0;
+    double modified = 0;
+    double appOpened = 0; // an application's own record of opening it
+};
+
+// The desktop's recently-used list written by GLib itself (called from Python through ctypes, as
+// the GLib of Debian 12 offers no introspected constructor), so the reader is held to what real
+// desktops write rather than to our own idea of the format.
+void writeRecentlyUsedWithGLib(const std::vector<Bookmark>& bookmarks) {
+    std::string script = R"(
+import ctypes, sys
+g = ctypes.CDLL("libglib-2.0.so.0")
+g.g_bookmark_file_new.restype = ctypes.c_void_p
+g.g_date_time_new_from_unix_utc.restype = ctypes.c_void_p
+g.g_date_time_new_from_unix_utc.argtypes = [ctypes.c_int64]
+g.g_date_time_add.restype = ctypes.c_void_p
+g.g_date_time_add.argtypes = [ctypes.c_void_p, ctypes.c_int64]
+g.g_filename_to_uri.restype = ctypes.c_void_p
+g.g_filename_to_uri.argtypes = [ctypes.c_char_p, ctypes.c_char_p, ctypes.c_void_p]
+for name in ["set_mime_type", "set_added_date_time", "set_visited_date_time", "set_modified_date_time"]:
+    getattr(g, "g_bookmark_file_" + name).argtypes = [ctypes.c_void_p, ctypes.c_char_p, ctypes.c_void_p]
+g.g_bookmark_file_set_application_info.argtypes = [ctypes.c_void_p, ctypes.c_char_p, ctypes.c_char_p, ctypes.c_char_p, ctypes.c_int, ctypes.c_void_p, ctypes.c_void_p]
+g.g_bookmark_file_set_application_info.restype = ctypes.c_int
+g.g_bookmark_file_to_file.argtypes = [ctypes.c_void_p, ctypes.c_char_p, ctypes.c_void_p]
+g.g_bookmark_file_to_file.restype = ctypes.c_int
+def at(t):
+    t = float(t)
+    if not t:
+        return None
+    whole = int(t // 1)
+    return g.g_date_time_add(g.g_date_time_new_from_unix_utc(whole), int(round((t - whole) * 1e6)))
+b = g.g_bookmark_file_new()
+for line in sys.stdin.buffer.read().splitlines():
+    path, added, visited, modified, opened = line.split(b"\t")
+    uri = ctypes.string_at(g.g_filename_to_uri(path, None, None))
+    g.g_bookmark_file_set_mime_type(b, uri, b"application/octet-stream")
+    # GLib writes no bookmark without an application; one never reopened was opened once, when
+    # it was recorded.
+    g.g_bookmark_file_set_application_info(b, uri, b"Videos", b"totem %u", 2,
+                                           at(opened) or at(modified), None)
+    if at(added):
+        g.g_bookmark_file_set_added_date_time(b, uri, at(added))
+    # GLib stamps a new bookmark as visited now; an unvisited one reads its last change.
+    g.g_bookmark_file_set_visited_date_time(b, uri, at(visited) or at(modified))
+    g.g_bookmark_file_set_modified_date_time(b, uri, at(modified) or g.g_date_time_new_from_unix_utc(1))
+if not g.g_bookmark_file_to_file(b, sys.argv[1].encode(), None):
+    sys.exit("GLib could not write " + sys.argv[1])
+)";
+    std::string folder = platform::dataHome();
+    test::makeDirs(folder);
+    std::string rows;
+    for (const Bookmark& b : bookmarks) {
+        rows += b.path + "\t" + std::to_string(b.added) + "\t" + std::to_string(b.visited) + "\t" +
+                std::to_string(b.modified) + "\t" + std::to_string(b.appOpened) + "\n";
+    }
+    std::string input = test::freshFolder("xbel-rows") + "/rows.tsv";
+    test::writeFile(input, rows);
+    test::CommandResult written = test::runShell(
+        "/usr/bin/python3 -c " + test::shellQuote(script) + " " +
+        test::shellQuote(folder + "/recently-used.xbel") + " < " + test::shellQuote(input));
+    ASSERT_EQ(written.status, 0) << written.output;
+}
+
 struct Visit {
     std::string path;
     double visited;
 };
 
-// The desktop's recently-used list as GLib writes it.
+// Each file opened by an application at its visit, first recorded 30 days before.
 void writeRecentlyUsed(const std::vector<Visit>& visits) {
-    std::string xml =
-        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<xbel version=\"1.0\" "
-        "xmlns:bookmark=\"http://www.freedesktop.org/standards/desktop-bookmarks\">\n";
+    std::vector<Bookmark> bookmarks;
     for (const Visit& v : visits) {
-        std::string href = "file://" + percentEncodePath(v.path);
-        std::string escaped;
-        for (char c : href) {
-            escaped += c == '&' ? std::string("&amp;") : std::string(1, c);
-        }
-        xml += "  <bookmark href=\"" + escaped + "\" added=\"" + isoDate(v.visited - 30 * day) +
-               "\" modified=\"" + isoDate(v.visited - 30 * day) + "\" visited=\"" +
-               isoDate(v.visited - 30 * day) +
-               "\">\n    <info><metadata owner=\"http://freedesktop.org\">"
-               "<bookmark:applications><bookmark:application name=\"Videos\" exec=\"&apos;totem "
-               "%u&apos;\" modified=\"" +
-               isoDate(v.visited) +
-               "\" count=\"2\"/></bookmark:applications></metadata></info>\n  </bookmark>\n";
+        double before = v.visited - 30 * day;
+        bookmarks.push_back({v.path, before, before, before, v.visited});
     }
-    xml += "</xbel>\n";
-    std::string folder = platform::dataHome();
-    test::makeDirs(folder);
-    test::writeFile(folder + "/recently-used.xbel", xml);
+    writeRecentlyUsedWithGLib(bookmarks);
 }
 
 LargeOldFinder finderFor(const std::string& home, double now) {
@@ -98,11 +140,11 @@ TEST(LargeOld, ListsBigFilesLastOpenedOverAYearAgo) {
     };
     const std::uint64_t fifty = 52'428'800;
     const Row rows[] = {
-        {"Videos/opened 400 days ago & more.mkv", fifty, 400, 600, true, EvidenceKind::opened},
-        {"Videos/opened last week.mkv", fifty, 7, 600, false, EvidenceKind::opened},
-        {"Videos/one byte short.mkv", fifty - 1, 400, 600, false, EvidenceKind::opened},
-        {"Videos/changed last month.mkv", fifty, 400, 30, false, EvidenceKind::opened},
-        {"Videos/never recorded.mkv", fifty, 0, 600, true, EvidenceKind::fileTimesOnly},
+        {"Films/opened 400 days ago & more.mkv", fifty, 400, 600, true, EvidenceKind::opened},
+        {"Films/opened last week.mkv", fifty, 7, 600, false, EvidenceKind::opened},
+        {"Films/one byte short.mkv", fifty - 1, 400, 600, false, EvidenceKind::opened},
+        {"Films/changed last month.mkv", fifty, 400, 30, false, EvidenceKind::opened},
+        {"Films/never recorded.mkv", fifty, 0, 600, true, EvidenceKind::fileTimesOnly},
     };
     std::vector<Visit> visits;
     for (const Row& row : rows) {
@@ -247,42 +289,73 @@ TEST(LargeOld, KindsComeFromTheExtension) {
     }
 }
 
-// The reader takes what GLib and older GTK versions write: escaped names, a "localhost" host,
-// applications' own dates, seconds since 1970.
-TEST(LargeOld, RecentlyUsedRecordsAreReadAsDesktopsWriteThem) {
-    const std::string folder = platform::dataHome();
-    test::makeDirs(folder);
-    test::writeFile(
-        folder + "/recently-used.xbel",
-        "<xbel>\n"
-        "<bookmark href=\"file:///data/Tom%20%26%20Jerry.mkv\" "
-        "added=\"2020-01-02T03:04:05Z\" modified=\"2021-05-06T07:08:09.5Z\">\n"
-        "</bookmark>\n"
-        "<bookmark href=\"file://localhost/data/old.iso\" added=\"2019-01-01T00:00:00Z\">"
-        "<bookmark:application name=\"x\" timestamp=\"1600000000\"/></bookmark>\n"
-        "<bookmark href=\"file:///data/only-added.zip\" added=\"2018-01-01T00:00:00Z\"/>\n"
-        "<bookmark href=\"https://example.org/x.iso\" visited=\"2022-01-01T00:00:00Z\"/>\n"
-        "</xbel>\n");
-    platform::LastOpenedReader reader = platform::systemLastOpenedReader();
+// The reader takes what GLib writes: escaped and non-ASCII names, applications' own dates, a
+// fraction of a second; a web page is no local file.
+TEST(LargeOld, RecentlyUsedRecordsAreReadAsGLibWritesThem) {
     struct Row {
-        const char* path;
+        Bookmark bookmark;
         bool indexed;
         std::optional<double> opened;
         std::optional<double> added;
     };
     const Row rows[] = {
-        {"/data/Tom & Jerry.mkv", true, 1620284889.5, 1577934245},
-        {"/data/old.iso", true, 1600000000, 1546300800},
-        {"/data/only-added.zip", true, std::nullopt, 1514764800},
-        {"/data/x.iso", false, std::nullopt, std::nullopt},
+        {{"/data/Tom & Jerry.mkv", 1577934245, 0, 1620284889.5, 0}, true, 1620284889.5, 1577934245},
+        {{"/data/Vidéos/été 2019.mkv", 1546300800, 1550000000, 1546300800, 1600000000},
+         true,
+         1600000000,
+         1546300800},
+        {{"/data/100% <sure> \"x\".zip", 1514764800, 0, 1514764800, 0},
+         true,
+         1514764800,
+         1514764800},
     };
+    std::vector<Bookmark> bookmarks;
     for (const Row& row : rows) {
-        SCOPED_TRACE(row.path);
-        platform::LastOpenedRecord record = reader(row.path, {});
-        EXPECT_EQ(record.indexed, row.indexed);
-        EXPECT_EQ(record.lastOpened, row.opened);
-        EXPECT_EQ(record.dateAdded, row.added);
+        bookmarks.push_back(row.bookmark);
     }
+    writeRecentlyUsedWithGLib(bookmarks);
+    platform::LastOpenedReader reader = platform::systemLastOpenedReader();
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.bookmark.path);
+        platform::LastOpenedRecord record = reader(row.bookmark.path, {});
+        EXPECT_EQ(record.indexed, row.indexed);
+        ASSERT_TRUE(record.lastOpened.has_value());
+        EXPECT_NEAR(*record.lastOpened, *row.opened, 1e-6);
+        ASSERT_TRUE(record.dateAdded.has_value());
+        EXPECT_NEAR(*record.dateAdded, *row.added, 1e-6);
+    }
+    EXPECT_FALSE(reader("/data/unknown.iso", {}).indexed);
+}
+
+// XML the desktop may legitimately hold, which a reader that searches for substrings gets wrong:
+// comments, character data, blanks around "=", numeric character references. A file GLib
+// refuses gives no records rather than wrong ones.
+TEST(LargeOld, RecentlyUsedRecordsAreReadAsXml) {
+    const std::string folder = platform::dataHome();
+    test::makeDirs(folder);
+    const std::string header =
+        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<xbel version=\"1.0\" "
+        "xmlns:bookmark=\"http://www.freedesktop.org/standards/desktop-bookmarks\" "
+        "xmlns:mime=\"http://www.freedesktop.org/standards/shared-mime-info\">\n";
+    test::writeFile(folder + "/recently-used.xbel",
+                    header +
+                        "<!-- <bookmark href=\"file:///data/commented.iso\" "
+                        "added=\"2001-01-01T00:00:00Z\"/> -->\n"
+                        "<bookmark href = \"file:///data/caf&#xE9;.iso\" "
+                        "added = \"2019-01-01T00:00:00Z\" modified=\"2019-01-01T00:00:00Z\" "
+                        "visited=\"2019-01-01T00:00:00Z\">\n"
+                        "<title><![CDATA[<bookmark href=\"file:///data/cdata.iso\">]]></title>\n"
+                        "</bookmark>\n</xbel>\n");
+    platform::LastOpenedReader reader = platform::systemLastOpenedReader();
+    platform::LastOpenedRecord cafe = reader("/data/café.iso", {});
+    EXPECT_TRUE(cafe.indexed);
+    EXPECT_EQ(cafe.dateAdded, 1546300800.0);
+    EXPECT_FALSE(reader("/data/commented.iso", {}).indexed);
+    EXPECT_FALSE(reader("/data/cdata.iso", {}).indexed);
+
+    test::writeFile(folder + "/recently-used.xbel",
+                    header + "<bookmark href=\"file:///data/torn.iso\" added=\"2019-");
+    EXPECT_FALSE(platform::systemLastOpenedReader()("/data/torn.iso", {}).indexed);
 }
 
 } // namespace

@@ -115,6 +115,22 @@ constexpr std::array locations{
 
 } // namespace
 
+bool templateExistsHere(std::string_view pathTemplate) {
+    return pathTemplate != "~/Library" && !pathTemplate.starts_with("~/Library/");
+}
+
+std::span<const TargetWording> targetWordings() {
+    static constexpr std::array wordings{
+        TargetWording{"system_quicklook", "Thumbnails",
+                      "Preview thumbnails of your files (made again when needed)"},
+        TargetWording{"system_icon_caches", "Icon caches",
+                      "App icons (may need a new login to refresh)"},
+        TargetWording{"system_font_caches", "Font caches",
+                      "Fontconfig's font lists (made again when needed)"},
+    };
+    return wordings;
+}
+
 std::span<const CatalogLocation> extraCatalogLocations() {
     return locations;
 }

@@ -1,6 +1,5 @@
 #include "platform/LastOpened.h"
 
-#include "base/PercentEncoding.h"
 #include "base/UniqueFd.h"
 #include "platform/Dirs.h"
 
@@ -8,8 +7,10 @@
 #include <cerrno>
 #include <ctime>
 #include <fcntl.h>
+#include <glib.h>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string_view>
 #include <sys/statvfs.h>
 #include <unistd.h>
@@ -41,91 +42,6 @@ std::string readWholeFile(const std::string& path) {
     return text;
 }
 
-std::string xmlUnescape(std::string_view text) {
-    std::string out;
-    out.reserve(text.size());
-    for (size_t i = 0; i < text.size(); ++i) {
-        if (text[i] != '&') {
-            out.push_back(text[i]);
-            continue;
-        }
-        size_t end = text.find(';', i);
-        if (end == std::string_view::npos) {
-            out.append(text.substr(i));
-            break;
-        }
-        std::string_view entity = text.substr(i + 1, end - i - 1);
-        if (entity == "amp") {
-            out.push_back('&');
-        } else if (entity == "lt") {
-            out.push_back('<');
-        } else if (entity == "gt") {
-            out.push_back('>');
-        } else if (entity == "quot") {
-            out.push_back('"');
-        } else if (entity == "apos") {
-            out.push_back('\'');
-        } else if (entity.size() > 1 && entity[0] == '#') {
-            // Numeric references name characters a path may hold; only ASCII ones are expected.
-            unsigned long code =
-                entity[1] == 'x' ? std::strtoul(std::string(entity.substr(2)).c_str(), nullptr, 16)
-                                 : std::strtoul(std::string(entity.substr(1)).c_str(), nullptr, 10);
-            if (code == 0 || code > 0x7F) {
-                return {};
-            }
-            out.push_back(static_cast<char>(code));
-        } else {
-            return {};
-        }
-        i = end;
-    }
-    return out;
-}
-
-// The value of `name="..."` inside one tag's text, unescaped; empty when it is absent.
-std::optional<std::string> attribute(std::string_view tag, std::string_view name) {
-    size_t at = 0;
-    while ((at = tag.find(name, at)) != std::string_view::npos) {
-        bool startsWord = at > 0 && (tag[at - 1] == ' ' || tag[at - 1] == '\t' ||
-                                     tag[at - 1] == '\n' || tag[at - 1] == '\r');
-        size_t eq = at + name.size();
-        if (startsWord && eq + 1 < tag.size() && tag[eq] == '=' &&
-            (tag[eq + 1] == '"' || tag[eq + 1] == '\'')) {
-            char quote = tag[eq + 1];
-            size_t close = tag.find(quote, eq + 2);
-            if (close == std::string_view::npos) {
-                return std::nullopt;
-            }
-            return xmlUnescape(tag.substr(eq + 2, close - eq - 2));
-        }
-        at = eq;
-    }
-    return std::nullopt;
-}
-
-// "2024-01-02T10:00:00Z", with or without a fraction of a second, always UTC as GLib writes it.
-std::optional<double> parseDate(const std::optional<std::string>& text) {
-    if (!text || text->size() < 20) {
-        return std::nullopt;
-    }
-    std::tm parts{};
-    const char* rest = ::strptime(text->c_str(), "%Y-%m-%dT%H:%M:%S", &parts);
-    if (rest == nullptr) {
-        return std::nullopt;
-    }
-    double fraction = 0;
-    if (*rest == '.') {
-        double scale = 0.1;
-        for (++rest; *rest >= '0' && *rest <= '9'; ++rest, scale /= 10) {
-            fraction += (*rest - '0') * scale;
-        }
-    }
-    if (*rest != 'Z') {
-        return std::nullopt;
-    }
-    return static_cast<double>(::timegm(&parts)) + fraction;
-}
-
 std::optional<double> later(std::optional<double> a, std::optional<double> b) {
     if (!a) {
         return b;
@@ -136,73 +52,87 @@ std::optional<double> later(std::optional<double> a, std::optional<double> b) {
     return std::max(*a, *b);
 }
 
+std::optional<double> secondsOf(GDateTime* moment) {
+    if (moment == nullptr) {
+        return std::nullopt;
+    }
+    return static_cast<double>(g_date_time_to_unix(moment)) +
+           g_date_time_get_microsecond(moment) / 1e6;
+}
+
+// GLib's allocations, released on every path.
+struct BookmarkFile {
+    GBookmarkFile* file = g_bookmark_file_new();
+    ~BookmarkFile() { g_bookmark_file_free(file); }
+    BookmarkFile() = default;
+    BookmarkFile(const BookmarkFile&) = delete;
+    BookmarkFile& operator=(const BookmarkFile&) = delete;
+};
+
+struct Strings {
+    gchar** list = nullptr;
+    ~Strings() { g_strfreev(list); }
+};
+
+// The local path a bookmark's URI names, or nothing for another machine's file or a web page.
+std::optional<std::string> localPath(const char* uri) {
+    gchar* host = nullptr;
+    GError* error = nullptr;
+    gchar* path = g_filename_from_uri(uri, &host, &error);
+    std::optional<std::string> out;
+    if (path != nullptr && (host == nullptr || std::string_view(host) == "localhost")) {
+        out = path;
+    }
+    g_free(path);
+    g_free(host);
+    g_clear_error(&error);
+    return out;
+}
+
 using RecordTable = std::unordered_map<std::string, LastOpenedRecord>;
 
 // Every local file the desktop's recently-used list knows, with the latest moment any
-// application recorded opening it.
+// application recorded opening it. The list is read by GLib, which writes it for every GTK and
+// GNOME application, so whatever it accepts is read as the desktop meant it. A list GLib cannot
+// read gives no records, and the search falls back on access times.
 RecordTable loadRecentlyUsed(const std::string& file) {
     RecordTable table;
     std::string text = readWholeFile(file);
-    std::string_view xml(text);
-    size_t at = 0;
-    while ((at = xml.find("<bookmark", at)) != std::string_view::npos) {
-        size_t nameEnd = at + 9;
-        if (nameEnd >= xml.size() || (xml[nameEnd] != ' ' && xml[nameEnd] != '\t' &&
-                                      xml[nameEnd] != '\n' && xml[nameEnd] != '\r')) {
-            at = nameEnd; // "<bookmark:…" and the like belong to an entry's body
-            continue;
-        }
-        size_t tagEnd = xml.find('>', nameEnd);
-        if (tagEnd == std::string_view::npos) {
-            break;
-        }
-        std::string_view tag = xml.substr(nameEnd, tagEnd - nameEnd);
-        size_t bodyEnd = tag.ends_with("/") ? tagEnd : xml.find("</bookmark>", tagEnd);
-        if (bodyEnd == std::string_view::npos) {
-            bodyEnd = xml.size();
-        }
-        std::string_view body = xml.substr(tagEnd, bodyEnd - tagEnd);
-        at = bodyEnd;
-
-        std::optional<std::string> href = attribute(tag, "href");
-        if (!href || !href->starts_with("file://")) {
-            continue;
-        }
-        std::string_view location = std::string_view(*href).substr(7);
-        if (location.starts_with("localhost/")) {
-            location.remove_prefix(9);
-        }
-        if (!location.starts_with("/")) {
-            continue; // another machine's file
-        }
-        std::optional<std::string> path = percentDecode(location);
+    if (text.empty()) {
+        return table;
+    }
+    BookmarkFile bookmarks;
+    GError* error = nullptr;
+    if (!g_bookmark_file_load_from_data(bookmarks.file, text.data(), text.size(), &error)) {
+        g_clear_error(&error);
+        return table;
+    }
+    gsize count = 0;
+    Strings uris{g_bookmark_file_get_uris(bookmarks.file, &count)};
+    table.reserve(count);
+    for (gsize i = 0; i < count; ++i) {
+        const char* uri = uris.list[i];
+        std::optional<std::string> path = localPath(uri);
         if (!path) {
             continue;
         }
         LastOpenedRecord record;
         record.indexed = true;
-        record.dateAdded = parseDate(attribute(tag, "added"));
+        record.dateAdded =
+            secondsOf(g_bookmark_file_get_added_date_time(bookmarks.file, uri, nullptr));
         record.lastOpened =
-            later(parseDate(attribute(tag, "visited")), parseDate(attribute(tag, "modified")));
-        for (size_t app = 0;
-             (app = body.find("<bookmark:application", app)) != std::string_view::npos;) {
-            size_t appEnd = body.find('>', app);
-            if (appEnd == std::string_view::npos) {
-                break;
+            later(secondsOf(g_bookmark_file_get_visited_date_time(bookmarks.file, uri, nullptr)),
+                  secondsOf(g_bookmark_file_get_modified_date_time(bookmarks.file, uri, nullptr)));
+        gsize apps = 0;
+        Strings names{g_bookmark_file_get_applications(bookmarks.file, uri, &apps, nullptr)};
+        for (gsize a = 0; a < apps; ++a) {
+            GDateTime* stamp = nullptr;
+            if (g_bookmark_file_get_application_info(bookmarks.file, uri, names.list[a], nullptr,
+                                                     nullptr, &stamp, nullptr)) {
+                record.lastOpened = later(record.lastOpened, secondsOf(stamp));
             }
-            std::string_view appTag = body.substr(app, appEnd - app);
-            record.lastOpened = later(record.lastOpened, parseDate(attribute(appTag, "modified")));
-            // Older GTK versions wrote seconds since 1970 instead.
-            if (std::optional<std::string> stamp = attribute(appTag, "timestamp")) {
-                char* end = nullptr;
-                double seconds = std::strtod(stamp->c_str(), &end);
-                if (end != stamp->c_str() && seconds >= 1) {
-                    record.lastOpened = later(record.lastOpened, seconds);
-                }
-            }
-            app = appEnd;
         }
-        auto [slot, fresh] = table.try_emplace(*path, record);
+        auto [slot, fresh] = table.try_emplace(std::move(*path), record);
         if (!fresh) {
             slot->second.lastOpened = later(slot->second.lastOpened, record.lastOpened);
             slot->second.dateAdded = later(slot->second.dateAdded, record.dateAdded);

@@ -6,11 +6,15 @@ namespace sd::platform {
 namespace {
 
 // Key rings, certificates, password stores, mail and the Trash itself hold what a person
-// cannot get back.
-constexpr std::array<std::string_view, 6> protectedRows{
-    ".local/share/keyrings", ".pki", ".password-store", ".thunderbird", ".local/share/evolution",
-    ".local/share/Trash",
+// cannot get back; Videos and Templates are the desktop's own folders by their English names,
+// whatever the user-dirs record says.
+constexpr std::array<std::string_view, 8> protectedRows{
+    ".local/share/keyrings", ".pki",   ".password-store", ".thunderbird", ".local/share/evolution",
+    ".local/share/Trash",    "Videos", "Templates",
 };
+
+// Where a person keeps their own work besides the shared rows.
+constexpr std::array<std::string_view, 2> ownFolderRows{"Videos", "Templates"};
 
 // Where applications keep their per-app data on a freedesktop system.
 constexpr std::array<std::string_view, 6> appDataRows{
@@ -64,6 +68,9 @@ std::span<const std::string_view> gitCandidates() {
 
 std::span<const std::string_view> extraProtectedLocations() {
     return protectedRows;
+}
+std::span<const std::string_view> extraOwnFolders() {
+    return ownFolderRows;
 }
 std::span<const std::string_view> extraAppDataLocations() {
     return appDataRows;

@@ -529,6 +529,35 @@ std::vector<TrashedEntry> listTrash() {
     return entries;
 }
 
+std::optional<std::string> recordedOrigin(const std::string& trashPath) {
+    size_t slash = trashPath.rfind('/');
+    if (slash == std::string::npos || slash + 1 == trashPath.size()) {
+        return std::nullopt;
+    }
+    std::string name = trashPath.substr(slash + 1);
+    std::string folder = trashPath.substr(0, slash);
+    for (const RootLocation& root : existingTrashRoots()) {
+        if (root.path + "/files" != folder) {
+            continue;
+        }
+        UniqueFd rootFd = openChain(root.path);
+        UniqueFd infoFd = rootFd ? openSearch(rootFd.get(), "info") : UniqueFd();
+        if (!infoFd) {
+            return std::nullopt;
+        }
+        std::optional<InfoRecord> record =
+            parseInfo(readSmallFile(infoFd.get(), (name + ".trashinfo").c_str()));
+        if (!record) {
+            return std::nullopt;
+        }
+        if (record->path.starts_with("/")) {
+            return record->path;
+        }
+        return (root.topDirectory == "/" ? std::string() : root.topDirectory) + "/" + record->path;
+    }
+    return std::nullopt;
+}
+
 std::vector<std::string> trashFolders() {
     std::vector<std::string> folders;
     for (const RootLocation& root : existingTrashRoots()) {

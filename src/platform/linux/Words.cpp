@@ -23,6 +23,19 @@ std::string_view largeOldScopeText() {
            "caches are left out — the Sweep covers those.";
 }
 
+std::string_view duplicatesScopeText() {
+    return "Looked in your home folder, except the Trash, cloud folders and tool caches.";
+}
+std::string_view ownFoldersExamples() {
+    return "Downloads, Documents, Videos";
+}
+std::string_view appIdName() {
+    return "app ID";
+}
+std::string_view installedAppsPhrase() {
+    return "installed";
+}
+
 std::string_view revealActionText() {
     return "Show in Files";
 }

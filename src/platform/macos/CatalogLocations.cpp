@@ -6,4 +6,12 @@ std::span<const CatalogLocation> extraCatalogLocations() {
     return {};
 }
 
+bool templateExistsHere(std::string_view) {
+    return true;
+}
+
+std::span<const TargetWording> targetWordings() {
+    return {};
+}
+
 } // namespace sd::platform

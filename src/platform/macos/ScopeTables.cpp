@@ -36,5 +36,8 @@ std::span<const std::string_view> extraProtectedLocations() {
 std::span<const std::string_view> extraAppDataLocations() {
     return {};
 }
+std::span<const std::string_view> extraOwnFolders() {
+    return {};
+}
 
 } // namespace sd::platform

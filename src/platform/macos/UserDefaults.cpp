@@ -22,9 +22,7 @@ UserDefaults UserDefaults::standard() {
     return UserDefaults("com.sparrowdeck.app");
 }
 
-UserDefaults::UserDefaults(std::string file) : file_(std::move(file)) {}
-
-std::optional<std::string> UserDefaults::string(std::string_view key) const {
+std::optional<std::string> UserDefaults::stored(std::string_view key) const {
     CFStringRef domain = domainOf(file_);
     CFStringRef name = cfString(key);
     CFPropertyListRef value = CFPreferencesCopyAppValue(name, domain);
@@ -51,24 +49,21 @@ std::optional<std::string> UserDefaults::string(std::string_view key) const {
     return out;
 }
 
-void UserDefaults::setString(std::string_view key, std::string_view value) {
+bool UserDefaults::store(std::string_view key, std::optional<std::string_view> value) {
     CFStringRef domain = domainOf(file_);
     CFStringRef name = cfString(key);
-    CFStringRef text = cfString(value);
+    CFStringRef text = value ? cfString(*value) : nullptr;
     CFPreferencesSetAppValue(name, text, domain);
-    CFPreferencesAppSynchronize(domain);
-    CFRelease(text);
+    bool saved = CFPreferencesAppSynchronize(domain);
+    if (text != nullptr) {
+        CFRelease(text);
+    }
     CFRelease(name);
     CFRelease(domain);
-}
-
-void UserDefaults::remove(std::string_view key) {
-    CFStringRef domain = domainOf(file_);
-    CFStringRef name = cfString(key);
-    CFPreferencesSetAppValue(name, nullptr, domain);
-    CFPreferencesAppSynchronize(domain);
-    CFRelease(name);
-    CFRelease(domain);
+    if (!saved) {
+        noteFailedWrite("the preferences system refused the change");
+    }
+    return saved;
 }
 
 } // namespace sd::platform

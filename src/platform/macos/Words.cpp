@@ -22,6 +22,19 @@ std::string_view largeOldScopeText() {
            "folders, the Trash and caches are left out — the Sweep covers those.";
 }
 
+std::string_view duplicatesScopeText() {
+    return "Looked in your home folder, except Library, the Trash, cloud folders and tool caches.";
+}
+std::string_view ownFoldersExamples() {
+    return "Downloads, Documents, Movies";
+}
+std::string_view appIdName() {
+    return "bundle ID";
+}
+std::string_view installedAppsPhrase() {
+    return "in Applications";
+}
+
 std::string_view revealActionText() {
     return "Reveal in Finder";
 }
