@@ -32,6 +32,10 @@ CommandResult runShell(const std::string& command);
 // Quotes a string for the shell.
 std::string shellQuote(std::string_view text);
 bool haveTool(const std::string& name);
+// The whole file as bytes; empty when it cannot be read.
+std::string readAll(const std::string& path);
+// Whether anything, a dangling link included, is at `path`.
+bool exists(const std::string& path);
 
 // What GNU find says the regular files under `path` hold: blocks × 512 over distinct inodes,
 // optionally only down to `maxDepth` levels.

@@ -1,5 +1,7 @@
 #include "app/ActivityPage.h"
 
+#include "base/PathText.h"
+
 #include <QHBoxLayout>
 #include <QHeaderView>
 #include <QItemSelectionModel>
@@ -46,10 +48,12 @@ ActivityPage::ActivityPage(JournalStore& journal, const std::vector<Target>& cat
     auto* hint = paragraph(QString::fromStdString(std::string(putBackConfirmationText)), "muted");
     bar->addWidget(hint, 1);
     reveal_ = new QPushButton(revealText());
+    putBackItem_ = new QPushButton(QStringLiteral("Put Back Item"));
     putBackGroup_ = new QPushButton(QStringLiteral("Put Back Group"));
     putBackEntry_ = new QPushButton(QStringLiteral("Put Back"));
     putBackEntry_->setProperty("primary", true);
     bar->addWidget(reveal_);
+    bar->addWidget(putBackItem_);
     bar->addWidget(putBackGroup_);
     bar->addWidget(putBackEntry_);
     layout->addLayout(bar);
@@ -83,6 +87,7 @@ ActivityPage::ActivityPage(JournalStore& journal, const std::vector<Target>& cat
             &ActivityPage::onSelection);
     connect(putBackEntry_, &QPushButton::clicked, this, [this] { putBack(false); });
     connect(putBackGroup_, &QPushButton::clicked, this, [this] { putBack(true); });
+    connect(putBackItem_, &QPushButton::clicked, this, &ActivityPage::putBackItem);
     connect(reveal_, &QPushButton::clicked, this, [this] {
         QString path = tree_->currentIndex().data(pathRole).toString();
         if (!path.isEmpty()) {
@@ -122,9 +127,31 @@ void ActivityPage::onSelection() {
         putBackGroup_->setText(buttonText(
             QStringLiteral("Put Back “%1”").arg(model_->groupTitle(*entry, item->group))));
     }
+    putBackItem_->setVisible(item != nullptr);
+    putBackItem_->setEnabled(!busy && item != nullptr && !item->restored);
     putBackGroup_->setVisible(item != nullptr);
     putBackGroup_->setEnabled(!busy && groupWaiting);
     reveal_->setEnabled(item != nullptr);
+}
+
+void ActivityPage::putBackItem() {
+    QModelIndex current = tree_->currentIndex();
+    const JournalEntry* entry = model_->entryAt(current);
+    const TrashedItem* item = model_->itemAt(current);
+    if (entry == nullptr || item == nullptr || item->restored) {
+        return;
+    }
+    if (!confirm(this, QStringLiteral("Put Back"),
+                 QStringLiteral("Put back “%1”?")
+                     .arg(QString::fromStdString(lastComponent(item->originalPath))),
+                 QStringLiteral("Put Back"),
+                 homeRelative(item->originalPath) + QStringLiteral("\n\n") +
+                     QString::fromStdString(std::string(putBackConfirmationText)))) {
+        return;
+    }
+    banner_->hide();
+    runner_->putBack(entry->id, PutBackChoice{std::nullopt, item->id()});
+    progress_->update(-1, QString::fromStdString(putBackProgressText(1)));
 }
 
 void ActivityPage::putBack(bool groupOnly) {

@@ -20,11 +20,15 @@ public:
 
     ActivityModel& model() noexcept { return *model_; }
     QTreeView* tree() const noexcept { return tree_; }
+    PutBackRunner& runner() noexcept { return *runner_; }
     QPushButton* putBackEntryButton() const noexcept { return putBackEntry_; }
     QPushButton* putBackGroupButton() const noexcept { return putBackGroup_; }
+    QPushButton* putBackItemButton() const noexcept { return putBackItem_; }
     const Banner* banner() const noexcept { return banner_; }
 
     void putBack(bool groupOnly);
+    // Puts back only the chosen item; the rest of its entry stays in the Trash.
+    void putBackItem();
 
 private:
     void onSelection();
@@ -37,6 +41,7 @@ private:
     QLabel* empty_;
     QPushButton* putBackEntry_;
     QPushButton* putBackGroup_;
+    QPushButton* putBackItem_;
     QPushButton* reveal_;
     ProgressStrip* progress_;
     Banner* banner_;

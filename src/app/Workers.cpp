@@ -234,11 +234,15 @@ PutBackRunner::PutBackRunner(QObject* parent) : QObject(parent) {
 }
 
 void PutBackRunner::putBack(std::string entryID, std::optional<std::string> group) {
+    putBack(std::move(entryID), PutBackChoice{std::move(group), std::nullopt});
+}
+
+void PutBackRunner::putBack(std::string entryID, PutBackChoice choice) {
     runner_.start<TrashRestoreResult>(
-        [entryID = std::move(entryID), group = std::move(group)](const std::stop_token& stop) {
+        [entryID = std::move(entryID), choice = std::move(choice)](const std::stop_token& stop) {
             ReclaimJournal journal = ReclaimJournal::standard();
             journal.load();
-            return journal.putBack(entryID, group, stop);
+            return journal.putBack(entryID, choice, stop);
         },
         [this](TrashRestoreResult& result) { emit finished(result); });
 }

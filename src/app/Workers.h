@@ -205,6 +205,7 @@ public:
     explicit PutBackRunner(QObject* parent = nullptr);
 
     void putBack(std::string entryID, std::optional<std::string> group);
+    void putBack(std::string entryID, PutBackChoice choice);
     void stop() { runner_.stop(); }
     bool isRunning() const noexcept { return runner_.isRunning(); }
 

@@ -34,7 +34,27 @@ json tileJson(const SweepTile& tile) {
     for (const Target& t : tile.targets) {
         targets.push_back(t.id);
     }
+    // The app tiles list their items: where each is, what it takes and whose it is.
+    json items = json::array();
+    if (tile.installers) {
+        for (const UsedInstaller& item : tile.installers->items) {
+            items.push_back({{"path", item.path},
+                             {"bytes", item.bytes},
+                             {"app", item.appId},
+                             {"version", item.version},
+                             {"installedVersion", item.installedVersion}});
+        }
+    }
+    for (const OrphanGroup& group : tile.orphans) {
+        for (const Leftover& place : group.places) {
+            items.push_back({{"path", place.path},
+                             {"bytes", place.bytes},
+                             {"app", group.appId},
+                             {"label", place.label}});
+        }
+    }
     return {{"kind", tileKindName(tile.kind)},
+            {"items", items},
             {"title", tileTitle(tile)},
             {"subtitle", tileSubtitle(tile)},
             {"bytes", tile.bytes},
@@ -108,12 +128,14 @@ void runSweep(const SweepOptions& options, int& exitStatus) {
     for (const std::string& name : options.reclaim) {
         std::optional<SweepTileKind> kind = tileKindFromName(name);
         if (!kind) {
-            std::fprintf(stderr, "“%s” is not a tile. Use developer, appCaches or redownloads.\n",
+            std::fprintf(stderr,
+                         "“%s” is not a tile. Use developer, appCaches, installers, redownloads or "
+                         "leftovers.\n",
                          name.c_str());
             exitStatus = 2;
             return;
         }
-        if (!tileComesBack(*kind)) {
+        if (*kind == SweepTileKind::trash) {
             std::fprintf(stderr, "The “%s” tile is never reclaimed by a Sweep.\n", name.c_str());
             exitStatus = 2;
             return;

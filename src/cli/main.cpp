@@ -1,5 +1,6 @@
 #include "base/CleanerError.h"
 #include "base/TestHooks.h"
+#include "cli/AppsCommand.h"
 #include "cli/AssistantCommand.h"
 #include "cli/DiskCommand.h"
 #include "cli/HistoryCommand.h"
@@ -55,6 +56,8 @@ int run(int argc, char** argv) {
     sd::cli::addDiskCommand(app, exitStatus);
     sd::cli::addHistoryCommand(app, exitStatus);
     sd::cli::addSnapshotsCommand(app, exitStatus);
+    sd::cli::addAppsCommand(app, exitStatus);
+    sd::cli::addUninstallCommand(app, exitStatus);
     sd::cli::addAssistantCommand(app, exitStatus);
     try {
         app.parse(argc, argv);

@@ -4,6 +4,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace sd::platform {
 
@@ -29,5 +30,17 @@ using LastOpenedReader =
 // The system's reader: on macOS Spotlight, then the "com.apple.lastuseddate#PS" attribute; on
 // Linux the desktop's recently-used.xbel, then the access time where the mount keeps it honestly.
 LastOpenedReader systemLastOpenedReader();
+
+// One application as the desktop's recently-used record names it: the last time it opened any
+// file through the desktop.
+struct ApplicationUse {
+    std::string name; // the application's name as it registered ("Firefox")
+    std::string exec; // the command it registered ("'firefox %u'"), quotes kept
+    double lastUsed = 0;
+};
+
+// Every application of the recently-used record in `file`, one entry per name and command with
+// its latest use. Empty when the file is missing or unreadable.
+std::vector<ApplicationUse> recentApplicationUses(const std::string& file);
 
 } // namespace sd::platform

@@ -40,7 +40,4 @@ std::string_view ownFoldersExamples();
 // What an app's own identifier is called ("bundle ID").
 std::string_view appIdName();
 
-// How a sentence says an app is installed: "in Applications", "installed".
-std::string_view installedAppsPhrase();
-
 } // namespace sd::platform

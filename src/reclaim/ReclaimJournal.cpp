@@ -341,14 +341,16 @@ bool alreadyBack(const TrashedItem& item) {
 }
 
 void restoreItems(std::vector<JournalEntry>& entries, const std::string& entryID,
-                  const std::optional<std::string>& group, const std::stop_token& stop,
-                  const json& births, TrashRestoreResult& result) {
+                  const PutBackChoice& choice, const std::stop_token& stop, const json& births,
+                  TrashRestoreResult& result) {
+    const std::optional<std::string>& group = choice.group;
     for (JournalEntry& entry : entries) {
         if (entry.id != entryID) {
             continue;
         }
         for (TrashedItem& item : entry.items) {
-            if (item.restored || (group && item.group != *group)) {
+            if (item.restored || (group && item.group != *group) ||
+                (choice.itemID && item.id() != *choice.itemID)) {
                 continue;
             }
             if (stop.stop_requested()) {
@@ -630,9 +632,14 @@ void ReclaimJournal::rememberBirths(const std::vector<TrashedItem>& items) {
 TrashRestoreResult ReclaimJournal::putBack(const std::string& entryID,
                                            const std::optional<std::string>& group,
                                            const std::stop_token& stop) {
+    return putBack(entryID, PutBackChoice{group, std::nullopt}, stop);
+}
+
+TrashRestoreResult ReclaimJournal::putBack(const std::string& entryID, const PutBackChoice& choice,
+                                           const std::stop_token& stop) {
     TrashRestoreResult result;
     if (!file_) {
-        restoreItems(entries_, entryID, group, stop, {}, result);
+        restoreItems(entries_, entryID, choice, stop, {}, result);
         return result;
     }
     makeDirectories(directoryOf(*file_), 0700);
@@ -647,7 +654,7 @@ TrashRestoreResult ReclaimJournal::putBack(const std::string& entryID,
     ::unlink(probe.c_str());
     json births = readBirthRecords(directoryOf(*file_) + "/" + std::string(birthRecordsName));
     const std::string before = serialize(merged);
-    restoreItems(merged, entryID, group, stop, births, result);
+    restoreItems(merged, entryID, choice, stop, births, result);
     try {
         if (serialize(merged) != before) {
             writeDisk(*file_, merged);

@@ -58,6 +58,12 @@ struct TrashRestoreResult {
 // The record of everything moved to the Trash, behind the Activity list and Put Back. Several
 // processes may write it at once: every save takes an advisory lock and merges with what is on
 // disk, so no process's entries are lost.
+// Which of an entry's items a Put Back returns; nothing named means all of them.
+struct PutBackChoice {
+    std::optional<std::string> group;
+    std::optional<std::string> itemID; // TrashedItem::id()
+};
+
 class ReclaimJournal {
 public:
     // A journal kept in `file`, or only in memory when there is none.
@@ -90,6 +96,9 @@ public:
     // written first; an item whose recorded paths fall outside what Sparrowdeck itself writes, or
     // whose Trash record or birth no longer match the move, stays where it is with a note.
     TrashRestoreResult putBack(const std::string& entryID, const std::optional<std::string>& group,
+                               const std::stop_token& stop = {});
+    // The same for the items `choice` names: one group's, or a single item by its id.
+    TrashRestoreResult putBack(const std::string& entryID, const PutBackChoice& choice,
                                const std::stop_token& stop = {});
 
     // Sentences from the last save or load that the person should see (a journal set aside).

@@ -1,11 +1,15 @@
 #include "sweep/Sweep.h"
 
+#include "apps/AppListing.h"
 #include "base/CleanerError.h"
 #include "base/Saturating.h"
 #include "catalog/InclusionPreferences.h"
 #include "core/CoreFileSystem.h"
+#include "platform/InstalledApps.h"
 #include "platform/Trash.h"
 #include "platform/Words.h"
+#include "reclaim/VaultService.h"
+#include "review/ReviewReclaim.h"
 
 #include <algorithm>
 #include <array>
@@ -185,8 +189,7 @@ std::string tileSubtitle(const SweepTile& tile) {
                " · each rebuilds what it needs" + leftOutSuffix(tile);
     }
     case SweepTileKind::installers:
-        return "Disk images and packages for apps already " +
-               std::string(platform::installedAppsPhrase());
+        return platform::installersTileText(tile.installers ? tile.installers->items.size() : 0);
     case SweepTileKind::redownloads: {
         size_t models = 0;
         if (tile.scanResult) {
@@ -198,8 +201,9 @@ std::string tileSubtitle(const SweepTile& tile) {
                " models · downloaded again on use" + leftOutSuffix(tile);
     }
     case SweepTileKind::leftovers:
-        return "0 removed apps · matched by " + std::string(platform::appIdName()) +
-               ", never by name";
+        return std::to_string(tile.orphans.size()) +
+               (tile.orphans.size() == 1 ? " removed app" : " removed apps") + " · matched by " +
+               std::string(platform::appIdName()) + ", never by name";
     case SweepTileKind::trash:
         return "Only emptying it frees space, and that can’t be undone — so it’s its own button.";
     }
@@ -343,8 +347,12 @@ void Sweep::run(const std::stop_token& stop, SweepProgress* progress) {
             trash.warnings.push_back(error.what());
         }
         finished(SweepTileKind::trash, trash.bytes, trash.itemCount);
-        finished(SweepTileKind::installers, 0, 0);
-        finished(SweepTileKind::leftovers, 0, 0);
+        measureAppTiles(stop, tileProgress(SweepTileKind::installers),
+                        tileProgress(SweepTileKind::leftovers));
+        for (SweepTileKind kind : {SweepTileKind::installers, SweepTileKind::leftovers}) {
+            const SweepTile& tile = tiles_[static_cast<size_t>(kind)];
+            finished(kind, tile.bytes, tile.itemCount);
+        }
     } // joins
     for (const std::exception_ptr& failure : failures) {
         if (failure) {
@@ -401,6 +409,41 @@ void Sweep::run(const std::stop_token& stop, SweepProgress* progress) {
     }
     duration_ = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     saveRecord(store_, record());
+}
+
+void Sweep::measureAppTiles(const std::stop_token& stop, OperationProgress* installersProgress,
+                            OperationProgress* leftoversProgress) {
+    SweepTile& installers = tiles_[static_cast<size_t>(SweepTileKind::installers)];
+    SweepTile& leftovers = tiles_[static_cast<size_t>(SweepTileKind::leftovers)];
+    try {
+        platform::AppRecords apps = platform::readInstalledApps(platform::standardAppRoots(), stop);
+        InstallerPlan plan =
+            planUsedInstallers(apps.apps, standardInstallerSearch(), stop, installersProgress);
+        installers.bytes = plan.totalBytes;
+        installers.itemCount = plan.items.size();
+        installers.warnings = plan.warnings;
+        installers.installers = std::move(plan);
+        // An app list that missed a source would make installed apps look removed.
+        if (!apps.complete) {
+            leftovers.warnings.insert(leftovers.warnings.end(), apps.warnings.begin(),
+                                      apps.warnings.end());
+            return;
+        }
+        LeftoversReport report =
+            findRemovedAppLeftovers(apps.apps, rememberedAppIds(), stop, leftoversProgress);
+        leftovers.bytes = report.totalBytes;
+        for (const OrphanGroup& group : report.groups) {
+            leftovers.itemCount += group.places.size();
+            leftovers.appBytes[group.appName] = group.bytes;
+        }
+        leftovers.warnings = std::move(report.warnings);
+        leftovers.orphans = std::move(report.groups);
+    } catch (const CleanerError& error) {
+        if (error.kind() == CleanerError::Kind::operationCancelled) {
+            throw;
+        }
+        leftovers.warnings.push_back(error.what());
+    }
 }
 
 SweepRecord Sweep::record() const {
@@ -481,6 +524,7 @@ SweepReclaimResult Sweep::reclaim(const std::set<SweepTileKind>& kinds, ReclaimJ
             kindOfTarget[t.id] = tile.kind;
         }
     }
+    reclaimAppTiles(kinds, journal, result, stop);
     if (targets.empty()) {
         return result;
     }
@@ -495,7 +539,7 @@ SweepReclaimResult Sweep::reclaim(const std::set<SweepTileKind>& kinds, ReclaimJ
     recording.journal = &journal;
     recording.title = "Sweep";
     recording.kind = JournalKind::sweep;
-    recording.context = JournalContext{newUuid(), ""};
+    recording.context = JournalContext{result.journalEntryID.value_or(newUuid()), ""};
     recording.groupOf = [&](const std::optional<std::string>& targetID) {
         auto found = targetID ? kindOfTarget.find(*targetID) : kindOfTarget.end();
         return found == kindOfTarget.end() ? std::string("sweep")
@@ -514,7 +558,9 @@ SweepReclaimResult Sweep::reclaim(const std::set<SweepTileKind>& kinds, ReclaimJ
     result.movedBytes = cleaned.bytesRemoved;
     result.movedCount = cleaned.filesRemoved;
     result.freeableBytes = cleaned.freeableBytes;
-    result.journalEntryID = cleaned.journalEntryID;
+    if (cleaned.journalEntryID) {
+        result.journalEntryID = cleaned.journalEntryID;
+    }
     for (const CleanError& error : plan.errors) {
         result.reclaimErrors.push_back(error.path.empty() ? error.message
                                                           : error.path + ": " + error.message);
@@ -523,6 +569,63 @@ SweepReclaimResult Sweep::reclaim(const std::set<SweepTileKind>& kinds, ReclaimJ
         result.reclaimErrors.push_back(error.message);
     }
     return result;
+}
+
+void Sweep::reclaimAppTiles(const std::set<SweepTileKind>& kinds, ReclaimJournal& journal,
+                            SweepReclaimResult& result, const std::stop_token& stop) {
+    for (SweepTileKind kind : {SweepTileKind::installers, SweepTileKind::leftovers}) {
+        const SweepTile& tile = tiles_[static_cast<size_t>(kind)];
+        if (kinds.count(kind) == 0) {
+            continue;
+        }
+        std::vector<ReviewedItem> items;
+        if (tile.installers) {
+            for (const UsedInstaller& item : tile.installers->items) {
+                items.push_back({item.path, item.identity, std::nullopt});
+            }
+        }
+        for (const OrphanGroup& group : tile.orphans) {
+            for (const Leftover& place : group.places) {
+                items.push_back({place.path, place.identity, std::nullopt});
+            }
+        }
+        if (items.empty()) {
+            continue;
+        }
+        // Each item must still be the object the Sweep measured.
+        VaultService vault = VaultService::standard(policy_);
+        std::vector<std::string> paths;
+        for (const ReviewedItem& item : items) {
+            paths.push_back(item.path);
+        }
+        VaultPlan plan = vault.planner(paths, {}, nullptr);
+        std::vector<size_t> ticked;
+        for (size_t i = 0; i < plan.items.size() && i < items.size(); ++i) {
+            if (!plan.items[i].denied && plan.items[i].identity() != items[i].identity) {
+                plan.items[i].denied = VaultDenyReason::identityChanged;
+            }
+            ticked.push_back(i);
+        }
+        MoveOutcome outcome = vault.move(plan, ticked, stop);
+        std::vector<TrashedItem> trashed;
+        std::string group(tileKindName(kind));
+        for (const MovedItem& item : outcome.moved) {
+            result.movedBytes = saturatingAdd(result.movedBytes, item.bytes);
+            result.movedByTile[kind] = saturatingAdd(result.movedByTile[kind], item.bytes);
+            ++result.movedCount;
+            trashed.push_back({item.originalPath, item.trashPath, item.bytes, item.identityToken,
+                               group, false, std::nullopt});
+        }
+        result.reclaimErrors.insert(result.reclaimErrors.end(), outcome.notes.begin(),
+                                    outcome.notes.end());
+        if (!trashed.empty()) {
+            if (!result.journalEntryID) {
+                result.journalEntryID = newUuid();
+            }
+            journal.record(std::move(trashed), "Sweep", JournalKind::sweep,
+                           JournalContext{*result.journalEntryID, group});
+        }
+    }
 }
 
 } // namespace sd

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "apps/Leftovers.h"
 #include "base/Progress.h"
 #include "catalog/Catalog.h"
 #include "catalog/CleaningService.h"
@@ -43,6 +44,8 @@ struct SweepTile {
     std::uint64_t itemCount = 0;
     std::vector<std::string> warnings;
     std::optional<ScanResult> scanResult;
+    std::optional<InstallerPlan> installers; // the installers tile's items
+    std::vector<OrphanGroup> orphans;        // the leftovers tile's items, by removed app
 };
 
 std::string tileTitle(const SweepTile& tile);
@@ -145,6 +148,12 @@ public:
 
 private:
     std::string exclusionsFingerprint() const;
+    // Fills the installers and leftovers tiles from the apps subsystem's planners.
+    void measureAppTiles(const std::stop_token& stop, OperationProgress* installersProgress,
+                         OperationProgress* leftoversProgress);
+    // Moves the ticked app tiles' items through the vault and journals them.
+    void reclaimAppTiles(const std::set<SweepTileKind>& kinds, ReclaimJournal& journal,
+                         SweepReclaimResult& result, const std::stop_token& stop);
 
     DistributionMode distribution_;
     mutable platform::UserDefaults store_;

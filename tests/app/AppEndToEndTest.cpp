@@ -554,6 +554,21 @@ private slots:
         activity->tree()->setCurrentIndex(activity->model().index(0, 0, newest));
         shoot("activity");
 
+        // One item put back alone reappears; its siblings stay in the Trash.
+        const TrashedItem* chosen = activity->model().itemAt(activity->tree()->currentIndex());
+        QVERIFY(chosen != nullptr);
+        const std::string alone = chosen->originalPath;
+        QVERIFY(activity->putBackItemButton()->isEnabled());
+        acceptNextDialog();
+        QTest::mouseClick(activity->putBackItemButton(), Qt::LeftButton);
+        QTRY_VERIFY_WITH_TIMEOUT(!activity->runner().isRunning(), 30000);
+        QVERIFY2(std::filesystem::exists(alone), alone.c_str());
+        for (const std::string& folder : developer) {
+            if (folder != alone) {
+                QVERIFY2(!std::filesystem::exists(folder), folder.c_str());
+            }
+        }
+
         window_->showScreen(MainWindow::Screen::sweep);
         QVERIFY(page->putBackButton()->isVisible());
         acceptNextDialog();

@@ -18,17 +18,8 @@ namespace {
 
 using nlohmann::json;
 
-std::string readAll(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-bool exists(const std::string& path) {
-    struct stat st {};
-    return ::lstat(path.c_str(), &st) == 0;
-}
+using test::exists;
+using test::readAll;
 
 std::uint64_t inodeOf(const std::string& path) {
     struct stat st {};

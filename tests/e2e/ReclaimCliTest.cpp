@@ -30,17 +30,8 @@ std::string journalFolder() {
     return test::fixtureHome() + "/.local/share/Sparrowdeck";
 }
 
-std::string readAll(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-bool exists(const std::string& path) {
-    struct stat st {};
-    return ::lstat(path.c_str(), &st) == 0;
-}
+using test::exists;
+using test::readAll;
 
 struct CliRun {
     int status;

@@ -35,17 +35,8 @@ std::string tool(const std::string& command) {
     return "env XDG_DATA_HOME=" + shellQuote(dataHome()) + " timeout 60 " + command;
 }
 
-std::string readAll(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-bool exists(const std::string& path) {
-    struct stat st {};
-    return ::lstat(path.c_str(), &st) == 0;
-}
+using test::exists;
+using test::readAll;
 
 struct stat lstatOf(const std::string& path) {
     struct stat st {};

@@ -166,6 +166,51 @@ private:
 
 } // namespace
 
+std::vector<ApplicationUse> recentApplicationUses(const std::string& file) {
+    std::vector<ApplicationUse> uses;
+    std::string text = readWholeFile(file);
+    if (text.empty()) {
+        return uses;
+    }
+    BookmarkFile bookmarks;
+    GError* error = nullptr;
+    if (!g_bookmark_file_load_from_data(bookmarks.file, text.data(), text.size(), &error)) {
+        g_clear_error(&error);
+        return uses;
+    }
+    gsize count = 0;
+    Strings uris{g_bookmark_file_get_uris(bookmarks.file, &count)};
+    for (gsize i = 0; i < count; ++i) {
+        const char* uri = uris.list[i];
+        gsize apps = 0;
+        Strings names{g_bookmark_file_get_applications(bookmarks.file, uri, &apps, nullptr)};
+        for (gsize a = 0; a < apps; ++a) {
+            gchar* exec = nullptr;
+            GDateTime* stamp = nullptr;
+            if (!g_bookmark_file_get_application_info(bookmarks.file, uri, names.list[a], &exec,
+                                                      nullptr, &stamp, nullptr)) {
+                continue;
+            }
+            std::string command = exec != nullptr ? exec : "";
+            g_free(exec);
+            std::optional<double> when = secondsOf(stamp);
+            if (!when) {
+                continue;
+            }
+            std::string name = names.list[a];
+            auto same = std::find_if(uses.begin(), uses.end(), [&](const ApplicationUse& use) {
+                return use.name == name && use.exec == command;
+            });
+            if (same == uses.end()) {
+                uses.push_back({name, command, *when});
+            } else {
+                same->lastUsed = std::max(same->lastUsed, *when);
+            }
+        }
+    }
+    return uses;
+}
+
 LastOpenedReader systemLastOpenedReader() {
     auto records =
         std::make_shared<const RecordTable>(loadRecentlyUsed(dataHome() + "/recently-used.xbel"));

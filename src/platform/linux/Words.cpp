@@ -32,9 +32,6 @@ std::string_view ownFoldersExamples() {
 std::string_view appIdName() {
     return "app ID";
 }
-std::string_view installedAppsPhrase() {
-    return "installed";
-}
 
 std::string_view revealActionText() {
     return "Show in Files";

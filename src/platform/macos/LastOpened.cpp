@@ -67,4 +67,10 @@ LastOpenedReader systemLastOpenedReader() {
     };
 }
 
+// The last-used dates of apps come from Spotlight on this system, not from a record of opened
+// files.
+std::vector<ApplicationUse> recentApplicationUses(const std::string& /*file*/) {
+    return {};
+}
+
 } // namespace sd::platform

@@ -31,9 +31,6 @@ std::string_view ownFoldersExamples() {
 std::string_view appIdName() {
     return "bundle ID";
 }
-std::string_view installedAppsPhrase() {
-    return "in Applications";
-}
 
 std::string_view revealActionText() {
     return "Reveal in Finder";
