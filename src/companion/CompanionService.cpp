@@ -34,8 +34,9 @@ std::vector<std::string> namesIn(const std::string& folder) {
 
 } // namespace
 
-std::vector<Leftover> findFlatpakLeftovers(const std::string& home, const std::string& dataHome,
-                                           const std::string& systemFlatpak) {
+std::vector<LeftBehindData> findFlatpakLeftovers(const std::string& home,
+                                                 const std::string& dataHome,
+                                                 const std::string& systemFlatpak) {
     std::vector<std::string> data = namesIn(home + "/.var/app");
     if (data.empty()) {
         return {};
@@ -46,7 +47,7 @@ std::vector<Leftover> findFlatpakLeftovers(const std::string& home, const std::s
             installed.insert(std::move(name));
         }
     }
-    std::vector<Leftover> leftovers;
+    std::vector<LeftBehindData> leftovers;
     for (const std::string& id : data) {
         if (!installed.contains(id)) {
             std::string path = home + "/.var/app/" + id;

@@ -14,8 +14,9 @@ namespace sd {
 
 // Flatpak data folders (~/.var/app/ID) whose app is no longer installed, for the user or for the
 // system, measured.
-std::vector<Leftover> findFlatpakLeftovers(const std::string& home, const std::string& dataHome,
-                                           const std::string& systemFlatpak = "/var/lib/flatpak");
+std::vector<LeftBehindData>
+findFlatpakLeftovers(const std::string& home, const std::string& dataHome,
+                     const std::string& systemFlatpak = "/var/lib/flatpak");
 
 // What the companion shows in its menu.
 struct CompanionStatus {
@@ -36,7 +37,7 @@ public:
     struct Sources {
         std::function<std::int64_t()> clock;
         std::function<std::optional<platform::VolumeFigures>()> figures;
-        std::function<std::vector<Leftover>()> leftovers;
+        std::function<std::vector<LeftBehindData>()> leftovers;
     };
     // The running system's clock, the home's file system and its Flatpak leftovers.
     static Sources systemSources();

@@ -98,8 +98,8 @@ std::vector<Notice> decideNotices(NoticeState& state, const Observation& o) {
             {NoticeKind::weeklyDigest, "Your disk this week", body, ReviewScreen::spaceMap});
     }
 
-    std::vector<const Leftover*> fresh;
-    for (const Leftover& l : o.leftovers) {
+    std::vector<const LeftBehindData*> fresh;
+    for (const LeftBehindData& l : o.leftovers) {
         if (std::find(state.leftoversTold.begin(), state.leftoversTold.end(), l.appId) ==
             state.leftoversTold.end()) {
             fresh.push_back(&l);
@@ -107,7 +107,7 @@ std::vector<Notice> decideNotices(NoticeState& state, const Observation& o) {
     }
     if (!fresh.empty() && roomThisMonth()) {
         std::uint64_t bytes = 0;
-        for (const Leftover* l : fresh) {
+        for (const LeftBehindData* l : fresh) {
             bytes += l->bytes;
             state.leftoversTold.push_back(l->appId);
         }

@@ -27,12 +27,12 @@ struct Notice {
 };
 
 // Data an app removed from this computer left behind.
-struct Leftover {
+struct LeftBehindData {
     std::string appId;
     std::string path;
     std::uint64_t bytes = 0;
 
-    friend bool operator==(const Leftover&, const Leftover&) = default;
+    friend bool operator==(const LeftBehindData&, const LeftBehindData&) = default;
 };
 
 inline constexpr std::uint64_t lowSpaceBytes = 10'000'000'000;
@@ -63,7 +63,7 @@ struct Observation {
     std::uint64_t totalBytes = 0;
     std::optional<std::uint64_t> freeWeekAgo; // the free space of the sample nearest a week ago
     FreeSpaceForecast forecast;
-    std::vector<Leftover> leftovers;
+    std::vector<LeftBehindData> leftovers;
 };
 
 // The notices due for `observation`, recording them in `state`. Low space: once when free space

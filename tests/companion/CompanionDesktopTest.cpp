@@ -40,7 +40,7 @@ struct World {
                     return f;
                 },
                 [] {
-                    return std::vector<Leftover>{};
+                    return std::vector<LeftBehindData>{};
                 }};
     }
 };

@@ -20,7 +20,7 @@ TEST(CompanionService, FindsFlatpakDataWhoseAppIsGone) {
     }
     test::makeDirs(data + "/flatpak/app/org.example.User/current");
     test::makeDirs(system + "/app/org.example.System/current");
-    std::vector<Leftover> found = findFlatpakLeftovers(home, data, system);
+    std::vector<LeftBehindData> found = findFlatpakLeftovers(home, data, system);
     ASSERT_EQ(found.size(), 1U);
     EXPECT_EQ(found[0].appId, "org.example.Gone");
     EXPECT_EQ(found[0].path, home + "/.var/app/org.example.Gone");
@@ -33,7 +33,7 @@ TEST(CompanionService, SamplesEveryHalfHourAndRemembersWhatItSaid) {
     std::string file = test::freshFolder("companion-service") + "/history.sqlite";
     std::int64_t now = 1'700'006'400;
     std::uint64_t free = 9 * GB;
-    std::vector<Leftover> leftovers{{"org.example.Gone", "/x", 5}};
+    std::vector<LeftBehindData> leftovers{{"org.example.Gone", "/x", 5}};
     CompanionService::Sources sources{[&] { return now; },
                                       [&]() -> std::optional<platform::VolumeFigures> {
                                           platform::VolumeFigures f;

@@ -20,7 +20,7 @@ protected:
 
     // Runs one look and returns the kinds of notice it sent.
     std::vector<NoticeKind> look(std::int64_t at, std::uint64_t free,
-                                 std::vector<Leftover> leftovers = {}) {
+                                 std::vector<LeftBehindData> leftovers = {}) {
         Observation o;
         o.now = at;
         o.freeBytes = free;
@@ -88,8 +88,8 @@ TEST_F(NoticePolicy, ADigestComesOnceEachSunday) {
 }
 
 TEST_F(NoticePolicy, LeftoversAreToldOnceEachAndAllNoticesStayFewAMonth) {
-    Leftover a{"org.example.Paint", "/h/.var/app/org.example.Paint", 300'000'000};
-    Leftover b{"org.example.Chat", "/h/.var/app/org.example.Chat", 50'000'000};
+    LeftBehindData a{"org.example.Paint", "/h/.var/app/org.example.Paint", 300'000'000};
+    LeftBehindData b{"org.example.Chat", "/h/.var/app/org.example.Chat", 50'000'000};
     EXPECT_EQ(look(wednesday, 80 * GB, {a}), Kinds{NoticeKind::leftovers});
     EXPECT_EQ(look(wednesday + hour, 80 * GB, {a}), Kinds{});
     EXPECT_EQ(look(wednesday + 2 * hour, 80 * GB, {a, b}), Kinds{NoticeKind::leftovers});
@@ -99,7 +99,7 @@ TEST_F(NoticePolicy, LeftoversAreToldOnceEachAndAllNoticesStayFewAMonth) {
     std::vector<std::int64_t> sent;
     for (int i = 0; i < 60; ++i) {
         std::int64_t at = wednesday + day + i * day;
-        Leftover fresh{"app" + std::to_string(i), "/h/.var/app/x", 1};
+        LeftBehindData fresh{"app" + std::to_string(i), "/h/.var/app/x", 1};
         for (NoticeKind k : look(at, 80 * GB, {fresh})) {
             if (k != NoticeKind::lowSpace) {
                 sent.push_back(at);
