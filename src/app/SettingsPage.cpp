@@ -1,6 +1,7 @@
 #include "app/SettingsPage.h"
 
 #include "app/AssistantViews.h"
+#include "app/DiskViews.h"
 #include "app/Widgets.h"
 #include "platform/Dirs.h"
 
@@ -44,6 +45,10 @@ SettingsPage::SettingsPage(CatalogState& catalog, QWidget* parent) : QWidget(par
     layout->addSpacing(6);
     layout->addWidget(sectionLabel(QStringLiteral("Assistant")));
     layout->addWidget(new AssistantSettings(platform::UserDefaults::standard()));
+
+    layout->addSpacing(6);
+    layout->addWidget(sectionLabel(QStringLiteral("Companion")));
+    layout->addWidget(new CompanionSettings);
 
     layout->addSpacing(6);
     layout->addWidget(sectionLabel(QStringLiteral("This copy")));

@@ -23,6 +23,9 @@ SpaceMapPage::SpaceMapPage(QWidget* parent) : QWidget(parent), root_(homeDirecto
                        "Enter to look inside; click the middle or press Backspace to go back. "
                        "Nothing moves from here."));
 
+    storage_ = new StorageBar;
+    layout->addWidget(storage_);
+
     auto* top = new QHBoxLayout;
     auto* texts = new QVBoxLayout;
     texts->setSpacing(2);
@@ -41,6 +44,9 @@ SpaceMapPage::SpaceMapPage(QWidget* parent) : QWidget(parent), root_(homeDirecto
     scan_ = new QPushButton(QStringLiteral("Scan"));
     scan_->setProperty("primary", true);
     scan_->setMinimumWidth(110);
+    showChanges_ = new QPushButton(QStringLiteral("What Changed"));
+    showChanges_->setCheckable(true);
+    top->addWidget(showChanges_, 0, Qt::AlignTop);
     top->addWidget(mapHome_, 0, Qt::AlignTop);
     top->addWidget(choose_, 0, Qt::AlignTop);
     top->addWidget(scan_, 0, Qt::AlignTop);
@@ -98,6 +104,13 @@ SpaceMapPage::SpaceMapPage(QWidget* parent) : QWidget(parent), root_(homeDirecto
     list_->installEventFilter(this);
     list_->viewport()->installEventFilter(this);
     side->addWidget(list_, 1);
+    changes_ = new ChangesPanel;
+    changes_->hide();
+    side->addWidget(changes_, 1);
+    connect(showChanges_, &QPushButton::toggled, this, [this](bool on) {
+        changes_->setVisible(on);
+        list_->setVisible(!on);
+    });
     reveal_ = new QPushButton(revealText());
     side->addWidget(reveal_);
     bigTitle_ = sectionLabel(QStringLiteral("Big items found while scanning"));
@@ -271,6 +284,11 @@ void SpaceMapPage::onScanned(const SpaceScanResult& result) {
                           : QStringLiteral("%1 things to know about this map.")
                                 .arg(result.tree.warnings.size()),
                       Banner::Tone::info, lines.join('\n'));
+    }
+    if (!result.rootError) {
+        changes_->recordScan(result.tree);
+        storage_->refresh(root_ == homeDirectory() ? std::optional(result.tree.root.bytes)
+                                                   : std::nullopt);
     }
     // What streamed in while scanning is in the map now.
     bigTitle_->setVisible(bigItems_->count() > 0);

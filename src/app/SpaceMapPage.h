@@ -1,5 +1,6 @@
 #pragma once
 
+#include "app/DiskViews.h"
 #include "app/SpaceTreeModel.h"
 #include "app/SunburstView.h"
 #include "app/Widgets.h"
@@ -38,6 +39,9 @@ public:
     const SpaceMapState& state() const noexcept { return state_; }
     QString statusText() const;
     QListWidget* bigItems() const noexcept { return bigItems_; }
+    StorageBar* storageBar() const noexcept { return storage_; }
+    ChangesPanel* changes() const noexcept { return changes_; }
+    QPushButton* changesButton() const noexcept { return showChanges_; }
 
     void startScan(std::optional<double> budget = std::nullopt);
     // How big an item must be to be listed while the scan still runs; the scanner's own value
@@ -86,6 +90,9 @@ private:
     QPushButton* reveal_;
     ProgressStrip* progress_;
     Banner* banner_;
+    StorageBar* storage_;
+    ChangesPanel* changes_;
+    QPushButton* showChanges_;
 };
 
 } // namespace sd::app

@@ -13,6 +13,7 @@ std::mutex lock;
 std::function<void(const std::string&)> beforeOpen;
 std::function<void()> hashed;
 std::function<void()> scanResult;
+std::function<void()> historySave;
 std::function<void()> journalRecord;
 
 void run(const std::function<void()>& slot) {
@@ -59,6 +60,15 @@ void setBeforeScanResult(std::function<void()> hook) {
 
 void beforeScanResult() {
     run(scanResult);
+}
+
+void setMidHistorySave(std::function<void()> hook) {
+    std::lock_guard guard(lock);
+    historySave = std::move(hook);
+}
+
+void midHistorySave() {
+    run(historySave);
 }
 
 void setBeforeJournalRecord(std::function<void()> hook) {

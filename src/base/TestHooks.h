@@ -20,6 +20,10 @@ void afterHashing();
 // superseded it, where a test starts that newer scan.
 void setBeforeScanResult(std::function<void()> hook);
 void beforeScanResult();
+// Half-way through writing a scan to the history, inside its transaction, where a test ends the
+// process as a power cut would.
+void setMidHistorySave(std::function<void()> hook);
+void midHistorySave();
 // After things moved to the Trash, before the journal's last write records where they went,
 // where a test ends the process to prove the write-ahead record is enough to put them back.
 void setBeforeJournalRecord(std::function<void()> hook);
@@ -34,6 +38,8 @@ inline void setAfterHashing(std::function<void()>) {}
 inline void afterHashing() {}
 inline void setBeforeScanResult(std::function<void()>) {}
 inline void beforeScanResult() {}
+inline void setMidHistorySave(std::function<void()>) {}
+inline void midHistorySave() {}
 inline void setBeforeJournalRecord(std::function<void()>) {}
 inline void beforeJournalRecord() {}
 inline void installFromEnvironment() {}

@@ -2,6 +2,7 @@
 
 #include "base/CleanerError.h"
 #include "cli/Arguments.h"
+#include "cli/HistoryCommand.h"
 #include "cli/Terminal.h"
 #include "core/ByteFormat.h"
 #include "core/PathRules.h"
@@ -24,6 +25,7 @@ struct SpaceOptions {
     std::optional<double> budget;
     int depth = defaultSpaceScanOptions.maxDepth;
     unsigned workers = 0;
+    SpaceHistoryOptions history;
 };
 
 // The line the terminal redraws while a scan runs, with the big finds since the last call each
@@ -85,19 +87,8 @@ nlohmann::json toJson(const SpaceScanResult& result) {
     return out;
 }
 
-// A bar of `width` cells filled in proportion to `share` (0 to 1).
-std::string bar(double share, int width = 20) {
-    int filled = static_cast<int>(std::lround(share * width));
-    filled = std::clamp(filled, share > 0 ? 1 : 0, width);
-    std::string out;
-    for (int i = 0; i < width; ++i) {
-        out += i < filled ? "█" : "░";
-    }
-    return out;
-}
-
 void printLine(double share, std::uint64_t bytes, int indent, const std::string& label) {
-    std::printf("%s %5.1f%% %10s  %*s%s\n", bar(share).c_str(), share * 100,
+    std::printf("%s %5.1f%% %10s  %*s%s\n", shareBar(share, 20).c_str(), share * 100,
                 formatBytes(bytes).c_str(), indent * 2, "", label.c_str());
 }
 
@@ -168,6 +159,7 @@ void addSpaceCommand(CLI::App& app, int& exitStatus) {
         ->check(CLI::Range(1, SpaceTreeScanner::maxNestingDepth));
     // For benchmarks that compare worker counts; people never need it, so it is not listed.
     command->add_option("--workers", options->workers)->check(CLI::Range(1, 256))->group("");
+    addSpaceHistoryOptions(*command, options->history);
     command->callback([options, &exitStatus] {
         SpaceTreeScanner scanner;
         scanner.options.maxDepth = options->depth;
@@ -187,6 +179,9 @@ void addSpaceCommand(CLI::App& app, int& exitStatus) {
         }
         if (result.rootError) {
             exitStatus = 1;
+        }
+        if (finishSpaceScan(result, options->history, options->json, exitStatus)) {
+            return;
         }
         if (options->json) {
             std::cout << toJson(result).dump(2, ' ', false,

@@ -1,5 +1,7 @@
 #include "cli/Terminal.h"
 
+#include <algorithm>
+#include <cmath>
 #include <condition_variable>
 #include <csignal>
 #include <cstdio>
@@ -78,6 +80,16 @@ void runWithProgress(const std::function<void(std::stop_token)>& work,
     if (failure) {
         std::rethrow_exception(failure);
     }
+}
+
+std::string shareBar(double share, int width) {
+    int filled = static_cast<int>(std::lround(share * width));
+    filled = std::clamp(filled, share > 0 ? 1 : 0, width);
+    std::string out;
+    for (int i = 0; i < width; ++i) {
+        out += i < filled ? "█" : "░";
+    }
+    return out;
 }
 
 } // namespace sd::cli

@@ -15,6 +15,10 @@ bool confirm(const std::string& question);
 // True when standard error is a terminal, so live progress may be drawn there.
 bool progressVisible();
 
+// A bar of `width` cells filled in proportion to `share` (0 to 1); anything above nothing fills
+// at least one cell.
+std::string shareBar(double share, int width);
+
 // Runs `work` on a worker thread while the calling thread redraws one status line a few times a
 // second from `status` (only on a terminal) and turns Ctrl-C into a request to stop `work`'s
 // token. What `work` throws is thrown here once it has ended.

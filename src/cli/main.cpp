@@ -2,6 +2,8 @@
 #include "base/TestHooks.h"
 #include "cli/AppsCommand.h"
 #include "cli/AssistantCommand.h"
+#include "cli/DiskCommand.h"
+#include "cli/HistoryCommand.h"
 #include "cli/MeasureCommand.h"
 #include "cli/ReclaimCommands.h"
 #include "cli/ReviewCommands.h"
@@ -51,6 +53,8 @@ int run(int argc, char** argv) {
     sd::cli::addDuplicatesCommand(app, exitStatus);
     sd::cli::addLargeOldCommand(app, exitStatus);
     sd::cli::addSpaceCommand(app, exitStatus);
+    sd::cli::addDiskCommand(app, exitStatus);
+    sd::cli::addHistoryCommand(app, exitStatus);
     sd::cli::addSnapshotsCommand(app, exitStatus);
     sd::cli::addAppsCommand(app, exitStatus);
     sd::cli::addUninstallCommand(app, exitStatus);

@@ -14,9 +14,19 @@ struct CliRun {
     std::string output;
 };
 
+// Where the command keeps its scan history: outside the home these tests compare before and
+// after, and one for each account the command runs as.
+std::string dataHome(const std::string& prefix) {
+    std::string folder = test::fixtureRoot() + (prefix.empty() ? "/cli-data" : "/cli-data-other");
+    test::makeDirs(folder);
+    ::chmod(folder.c_str(), 01777);
+    return folder;
+}
+
 CliRun sparrowdeck(const std::string& arguments, const std::string& prefix = {}) {
     test::CommandResult r =
         test::runShell(prefix + "env SPARROWDECK_HOME=" + test::shellQuote(test::fixtureHome()) +
+                       " XDG_DATA_HOME=" + test::shellQuote(dataHome(prefix)) +
                        " " SPARROWDECK_CLI " " + arguments + " 2>&1");
     return {r.status, r.output};
 }

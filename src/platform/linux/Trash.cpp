@@ -14,6 +14,7 @@
 #include "platform/DirectoryReader.h"
 #include "platform/Dirs.h"
 #include "platform/FileSystemExtras.h"
+#include "platform/linux/MountTable.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -277,28 +278,6 @@ std::optional<InfoRecord> parseInfo(const std::string& text) {
         return std::nullopt;
     }
     return record;
-}
-
-std::string unescapeMountField(const std::string& field) {
-    std::string out;
-    for (size_t i = 0; i < field.size(); ++i) {
-        if (field[i] == '\\' && i + 3 < field.size()) {
-            int value = 0;
-            bool octal = true;
-            for (size_t k = 1; k <= 3; ++k) {
-                char c = field[i + k];
-                octal = octal && c >= '0' && c <= '7';
-                value = value * 8 + (c - '0');
-            }
-            if (octal) {
-                out.push_back(static_cast<char>(value));
-                i += 3;
-                continue;
-            }
-        }
-        out.push_back(field[i]);
-    }
-    return out;
 }
 
 std::vector<std::string> mountPoints() {
