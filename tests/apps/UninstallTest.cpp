@@ -5,6 +5,7 @@
 #include "FakeTools.h"
 #include "Fixture.h"
 #include "apps/AppListing.h"
+#include "apps/AppsFixture.h"
 #include "core/PathRules.h"
 #include "platform/Dirs.h"
 #include "reclaim/VaultPolicy.h"
@@ -17,27 +18,9 @@
 namespace sd {
 namespace {
 
-std::string parentOf(const std::string& path) {
-    return path.substr(0, path.rfind('/'));
-}
-
-// Writes a file, making its folders first.
-void put(const std::string& path, std::string_view contents) {
-    test::makeDirs(parentOf(path));
-    test::writeFile(path, contents);
-}
-
-void putFilled(const std::string& path, std::uint64_t bytes, char fill = 'x') {
-    test::makeDirs(parentOf(path));
-    test::writeFilledFile(path, bytes, fill);
-}
-
-AppDataQuery queryFor(const std::string& id, const std::string& name) {
-    AppDataQuery query;
-    query.bundleId = id;
-    query.appName = name;
-    return query;
-}
+using test::put;
+using test::putFilled;
+using test::queryFor;
 
 using platform::AppSource;
 
