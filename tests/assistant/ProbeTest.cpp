@@ -12,11 +12,12 @@ namespace sd {
 namespace {
 
 using namespace std::chrono_literals;
+using namespace std::string_literals;
 
 TEST(EnvironmentCapture, ReadsThePathAfterWhateverStartUpFilesPrint) {
     const std::string marker = "\n__SPARROWDECK_ENV__\n";
-    const std::string env =
-        std::string("HOME=/home/ann\0PATH=/a:/b\0EQ=x=y\0NOVALUE\0EMPTY=\0", 51);
+    // The s suffix keeps the embedded NULs and takes the literal's own length.
+    const std::string env = "HOME=/home/ann\0PATH=/a:/b\0EQ=x=y\0NOVALUE\0EMPTY=\0"s;
     struct Case {
         std::string output;
         std::optional<std::string> tool;
