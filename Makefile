@@ -3,7 +3,7 @@ JOBS ?= $(shell nproc 2>/dev/null || sysctl -n hw.ncpu 2>/dev/null || echo 2)
 # The builds below are make too; their "Entering directory" lines say nothing worth reading.
 MAKEFLAGS += --no-print-directory
 
-.PHONY: deps run test test-asan bench app package format clean
+.PHONY: deps run test bench app package format clean
 
 deps:
 	@scripts/install-deps
@@ -16,9 +16,6 @@ build/debug/CMakeCache.txt: | deps
 
 build/bench/CMakeCache.txt: | deps
 	@cmake --preset bench >/dev/null
-
-build/asan/CMakeCache.txt: | deps
-	@cmake --preset asan >/dev/null
 
 # Sweeps your home folder: measures what comes back by itself; reads only, changes nothing.
 run: deps build/release/CMakeCache.txt
@@ -42,10 +39,6 @@ package: deps build/release/CMakeCache.txt
 test: deps build/debug/CMakeCache.txt
 	@cmake --build --preset debug -j $(JOBS)
 	@ctest --preset debug -j $(JOBS)
-
-test-asan: deps build/asan/CMakeCache.txt
-	@cmake --build --preset asan -j $(JOBS)
-	@ctest --preset asan -j $(JOBS)
 
 bench: deps build/bench/CMakeCache.txt
 	@cmake --build --preset bench -j $(JOBS)

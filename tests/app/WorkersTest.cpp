@@ -123,7 +123,7 @@ private slots:
 
     void stopDuringAScanStopsTheWalk() {
 #ifndef SPARROWDECK_TEST_HOOKS
-        QSKIP("needs the core's test hooks (the debug and asan presets have them)");
+        QSKIP("needs the core's test hooks (the debug preset has them)");
 #else
         QFETCH(QString, operation);
         const int folders = 400;
@@ -165,7 +165,7 @@ private slots:
 
     void spaceScanStreamsBigItemsBeforeItEnds() {
 #ifndef SPARROWDECK_TEST_HOOKS
-        QSKIP("needs the core's test hooks (the debug and asan presets have them)");
+        QSKIP("needs the core's test hooks (the debug preset has them)");
 #else
         std::string big = test::fixtureHome() + "/Films";
         test::makeDirs(big);
