@@ -48,12 +48,12 @@ private slots:
         test::Gate first;
         std::vector<int> delivered;
         runner.start<int>(
-            [&](std::stop_token) {
+            [&](const std::stop_token&) {
                 first.wait(); // ignores Stop: its result arrives late, after the second run's
                 return 1;
             },
             [&](int& r) { delivered.push_back(r); });
-        runner.start<int>([](std::stop_token) { return 2; },
+        runner.start<int>([](const std::stop_token&) { return 2; },
                           [&](int& r) { delivered.push_back(r); });
         QTRY_COMPARE(delivered, std::vector<int>{2});
         QVERIFY(!runner.isRunning());
@@ -72,7 +72,7 @@ private slots:
         QSignalSpy failed(&runner, &TaskRunner::failed);
         bool done = false;
         runner.start<int>(
-            [](std::stop_token stop) {
+            [](const std::stop_token& stop) {
                 waitForStop(stop);
                 throwIfStopped(stop);
                 return 0;
@@ -90,8 +90,9 @@ private slots:
     void failuresAndTeardown() {
         auto runner = std::make_unique<TaskRunner>();
         QSignalSpy failed(runner.get(), &TaskRunner::failed);
-        runner->start<int>([](std::stop_token) -> int { throw std::runtime_error("disk on fire"); },
-                           [](int&) {});
+        runner->start<int>(
+            [](const std::stop_token&) -> int { throw std::runtime_error("disk on fire"); },
+            [](int&) {});
         QTRY_COMPARE(failed.count(), 1);
         QCOMPARE(failed.at(0).at(0).toString(), QStringLiteral("disk on fire"));
         QCOMPARE(failed.at(0).at(1).toBool(), false);
@@ -100,7 +101,7 @@ private slots:
         std::atomic<bool> sawStop{false};
         bool delivered = false;
         runner->start<int>(
-            [&](std::stop_token stop) {
+            [&](const std::stop_token& stop) {
                 waitForStop(stop);
                 sawStop = true;
                 return 3;
