@@ -177,6 +177,27 @@ void rememberApps(const std::vector<platform::InstalledApp>& apps) {
     replaceFileAtomically(file, out.dump(1, ' ', false, json::error_handler_t::replace) + "\n");
 }
 
+std::vector<const AppListEntry*> orderedApps(const AppListing& listing, AppOrder order) {
+    std::vector<const AppListEntry*> apps;
+    apps.reserve(listing.apps.size());
+    for (const AppListEntry& entry : listing.apps) {
+        apps.push_back(&entry);
+    }
+    if (order == AppOrder::size) {
+        std::stable_sort(apps.begin(), apps.end(),
+                         [](const AppListEntry* a, const AppListEntry* b) {
+                             return saturatingAdd(a->appBytes, a->dataBytes) >
+                                    saturatingAdd(b->appBytes, b->dataBytes);
+                         });
+    } else if (order == AppOrder::used) {
+        std::stable_sort(apps.begin(), apps.end(),
+                         [](const AppListEntry* a, const AppListEntry* b) {
+                             return a->app.lastUsed.value_or(-1) > b->app.lastUsed.value_or(-1);
+                         });
+    }
+    return apps;
+}
+
 std::string appSizeNote(const AppListEntry& entry) {
     if (entry.appBytesFromPackage) {
         return formatBytes(entry.appBytes) + " (the package's own figure)";

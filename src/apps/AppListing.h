@@ -41,6 +41,12 @@ AppListing listApps(const platform::AppSearchRoots& roots, DataLookup data,
 // What to look for when asking where an app keeps its data.
 AppDataQuery dataQueryFor(const platform::InstalledApp& app);
 
+enum class AppOrder { name, size, used };
+
+// The apps of `listing` in `order`: the listing's own (by name), the biggest app and data
+// together first, or the most recently used first (apps never seen in use last).
+std::vector<const AppListEntry*> orderedApps(const AppListing& listing, AppOrder order);
+
 // The app of `listing` whose id is `id` (exactly), or whose name is (ignoring case) when no id
 // matches.
 const AppListEntry* findApp(const AppListing& listing, std::string_view id);

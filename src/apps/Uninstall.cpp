@@ -29,6 +29,16 @@ std::string changedNote(const std::string& name) {
     return name + " changed since Sparrowdeck read it (an update?), so nothing moved. Look again.";
 }
 
+std::string packagedNote(const std::string& name, const std::string& command) {
+    return "Sparrowdeck never removes packaged apps itself. To remove " + name +
+           ", run: " + command;
+}
+
+std::string notMovableNote(const std::string& name) {
+    return "Sparrowdeck only moves apps from ~/Applications, ~/AppImages and ~/.local/bin; " +
+           name + " stayed.";
+}
+
 bool insideHomeFolder(const std::string& path, std::string_view folder) {
     std::string root = homeDirectory() + "/" + std::string(folder);
     return path.starts_with(root + "/") && path.find('/', root.size() + 1) == std::string::npos;
@@ -111,6 +121,38 @@ bool canMoveApp(const platform::InstalledApp& app) {
     }
 }
 
+UninstallPreview previewUninstall(const platform::InstalledApp& app, std::uint64_t appBytes,
+                                  const std::vector<Leftover>& data) {
+    UninstallPreview out;
+    const std::string& name = app.name;
+    const bool appMoves = canMoveApp(app);
+    if (appMoves) {
+        out.appNote = name + " goes to the Trash with the data you chose.";
+        out.moves.push_back({app.location, appBytes});
+    } else if (std::string command = platform::removalCommand(app); !command.empty()) {
+        out.removalCommand = command;
+        out.appNote = packagedNote(name, command);
+    } else {
+        // uninstallApp moves no data of an app it cannot move: the two go together or not at all.
+        out.appNote = notMovableNote(name) + " Its data stays too.";
+        return out;
+    }
+    for (const Leftover& place : data) {
+        out.moves.push_back({place.path, place.bytes});
+    }
+    const size_t places = data.size();
+    const std::string placesText =
+        std::to_string(places) + " data " + (places == 1 ? "place" : "places");
+    if (appMoves && places > 0) {
+        out.question = "Move " + name + " and " + placesText + " to the Trash?";
+    } else if (appMoves) {
+        out.question = "Move " + name + " to the Trash?";
+    } else if (places > 0) {
+        out.question = "Move " + placesText + " of " + name + " to the Trash?";
+    }
+    return out;
+}
+
 UninstallOutcome uninstallApp(const platform::InstalledApp& app, const std::vector<Leftover>& data,
                               const VaultService& vault, ReclaimJournal& journal,
                               const UninstallOptions& options, const std::stop_token& stop) {
@@ -182,12 +224,9 @@ UninstallOutcome uninstallApp(const platform::InstalledApp& app, const std::vect
                             " to the Trash. Put it back from Activity if you need it again.");
     } else if (std::string command = platform::removalCommand(app); !command.empty()) {
         out.removalCommand = command;
-        out.notes.push_back("Sparrowdeck never removes packaged apps itself. To remove " + name +
-                            ", run: " + command);
+        out.notes.push_back(packagedNote(name, command));
     } else {
-        out.notes.push_back("Sparrowdeck only moves apps from ~/Applications, ~/AppImages and "
-                            "~/.local/bin; " +
-                            name + " stayed.");
+        out.notes.push_back(notMovableNote(name));
         return out;
     }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "apps/AppDataLocations.h"
+#include "core/MoveListing.h"
 #include "platform/InstalledApps.h"
 #include "reclaim/ReclaimJournal.h"
 #include "reclaim/VaultService.h"
@@ -59,6 +60,21 @@ UninstallOutcome uninstallApp(const platform::InstalledApp& app, const std::vect
 
 // True when Sparrowdeck itself may move this app to the Trash (and not only its data).
 bool canMoveApp(const platform::InstalledApp& app);
+
+// What an uninstall would do, said before anything moves.
+struct UninstallPreview {
+    // "Move Tool and 2 data places to the Trash?"; empty when nothing would move.
+    std::string question;
+    // What happens to the app itself: it goes too, it stays because a package manager owns it
+    // (the command to remove it is `removalCommand`), or it stays and so does its data.
+    std::string appNote;
+    std::string removalCommand;
+    // The app (when it may move) and each chosen data place, with their sizes.
+    std::vector<ListedMove> moves;
+};
+
+UninstallPreview previewUninstall(const platform::InstalledApp& app, std::uint64_t appBytes,
+                                  const std::vector<Leftover>& data);
 
 namespace uninstallText {
 inline constexpr std::string_view notAllowedFinder =

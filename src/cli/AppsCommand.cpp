@@ -5,6 +5,7 @@
 #include "base/CleanerError.h"
 #include "cli/Terminal.h"
 #include "core/ByteFormat.h"
+#include "core/MoveListing.h"
 #include "core/PathRules.h"
 #include "platform/Words.h"
 #include "reclaim/VaultPolicy.h"
@@ -111,21 +112,10 @@ void runList(bool asJson, const std::string& sort, int& exitStatus) {
     if (!listing) {
         return;
     }
-    std::vector<const AppListEntry*> apps;
-    for (const AppListEntry& entry : listing->apps) {
-        apps.push_back(&entry);
-    }
-    if (sort == "size") {
-        std::stable_sort(apps.begin(), apps.end(),
-                         [](const AppListEntry* a, const AppListEntry* b) {
-                             return a->appBytes + a->dataBytes > b->appBytes + b->dataBytes;
-                         });
-    } else if (sort == "used") {
-        std::stable_sort(apps.begin(), apps.end(),
-                         [](const AppListEntry* a, const AppListEntry* b) {
-                             return a->app.lastUsed.value_or(0) > b->app.lastUsed.value_or(0);
-                         });
-    }
+    std::vector<const AppListEntry*> apps =
+        orderedApps(*listing, sort == "size"   ? AppOrder::size
+                              : sort == "used" ? AppOrder::used
+                                               : AppOrder::name);
     if (asJson) {
         json out = json::array();
         for (const AppListEntry* entry : apps) {
@@ -223,13 +213,17 @@ void runUninstall(const UninstallCliOptions& options, int& exitStatus) {
             chosen.push_back(*found);
         }
     }
-    if (!options.yes) {
+    UninstallPreview preview = previewUninstall(entry->app, entry->appBytes, chosen);
+    // With nothing to move there is nothing to ask: the run only tells what stays and why.
+    if (!options.yes && !preview.moves.empty()) {
         bool canAsk = ::isatty(STDIN_FILENO) == 1 && !options.json;
-        std::string what = canMoveApp(entry->app) ? entry->app.name : std::string();
-        std::string question = "Move " + (what.empty() ? std::string() : what + " and ") +
-                               std::to_string(chosen.size()) + " data " +
-                               (chosen.size() == 1 ? "place" : "places") + " to the Trash?";
-        if (!canAsk || !confirm(question)) {
+        if (canAsk) {
+            std::printf("%s\n", preview.appNote.c_str());
+            for (const std::string& line : moveListingLines(preview.moves)) {
+                std::printf("  %s\n", line.c_str());
+            }
+        }
+        if (!canAsk || !confirm(preview.question)) {
             std::printf("%s\n", canAsk ? "Nothing was moved."
                                        : "Nothing was moved: add --yes to confirm without a "
                                          "terminal.");

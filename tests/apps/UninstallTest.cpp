@@ -195,6 +195,106 @@ TEST(Uninstall, AnAppThatChangedSinceListingMovesNothing) {
     EXPECT_EQ(::access((home + "/.config/Editor/prefs").c_str(), F_OK), 0);
 }
 
+// What the confirmation says must match what uninstallApp then does: an app that cannot move
+// keeps its data too, and a packaged app's data moves without the app.
+TEST(Uninstall, PreviewSaysWhatWillMoveAndWhatStays) {
+    const std::string& home = test::fixtureHome();
+    struct Case {
+        const char* what;
+        AppSource source;
+        std::string location;
+        std::optional<std::string> package;
+        size_t places;
+        std::string question;
+        std::string command;
+        size_t moves;
+    };
+    const std::vector<Case> cases{
+        {"AppImage with data",
+         AppSource::appImage,
+         home + "/Applications/Tool.AppImage",
+         {},
+         2,
+         "Move Tool and 2 data places to the Trash?",
+         "",
+         3},
+        {"AppImage alone",
+         AppSource::appImage,
+         home + "/AppImages/Tool.AppImage",
+         {},
+         0,
+         "Move Tool to the Trash?",
+         "",
+         1},
+        {"AppImage outside the app folders",
+         AppSource::appImage,
+         home + "/Downloads/Tool.AppImage",
+         {},
+         1,
+         "",
+         "",
+         0},
+        {"package with data", AppSource::deb, "/usr/share/applications/tool.desktop", "tool-pkg", 1,
+         "Move 1 data place of Tool to the Trash?", "sudo apt remove tool-pkg", 1},
+        {"package alone", AppSource::deb, "/usr/share/applications/tool.desktop", "tool-pkg", 0, "",
+         "sudo apt remove tool-pkg", 0},
+    };
+    for (const Case& c : cases) {
+        platform::InstalledApp app;
+        app.id = "tool";
+        app.name = "Tool";
+        app.source = c.source;
+        app.location = c.location;
+        app.package = c.package;
+        std::vector<Leftover> data;
+        for (size_t i = 0; i < c.places; ++i) {
+            Leftover place;
+            place.path = home + "/.config/tool" + std::to_string(i);
+            place.bytes = 4096;
+            data.push_back(place);
+        }
+        UninstallPreview preview = previewUninstall(app, 1'000'000, data);
+        EXPECT_EQ(preview.question, c.question) << c.what;
+        EXPECT_EQ(preview.removalCommand, c.command) << c.what;
+        EXPECT_EQ(preview.moves.size(), c.moves) << c.what;
+        EXPECT_FALSE(preview.appNote.empty()) << c.what;
+        if (!c.command.empty()) {
+            EXPECT_NE(preview.appNote.find(c.command), std::string::npos) << c.what;
+        }
+        if (canMoveApp(app)) {
+            EXPECT_EQ(preview.moves.front().path, c.location) << c.what;
+            EXPECT_EQ(preview.moves.front().bytes, 1'000'000U) << c.what;
+        }
+    }
+}
+
+TEST(AppOrdering, BiggestOrMostRecentlyUsedFirstAndNeverUsedLast) {
+    AppListing listing;
+    auto add = [&](const char* id, std::uint64_t app, std::uint64_t data,
+                   std::optional<double> used) {
+        AppListEntry entry;
+        entry.app.id = id;
+        entry.appBytes = app;
+        entry.dataBytes = data;
+        entry.app.lastUsed = used;
+        listing.apps.push_back(entry);
+    };
+    add("a", 10, 500, 100.0);
+    add("b", 400, 0, std::nullopt);
+    add("c", 300, 300, 0.0); // used at the epoch: still before "never"
+    add("d", 10, 500, 900.0);
+    auto ids = [&](AppOrder order) {
+        std::string out;
+        for (const AppListEntry* entry : orderedApps(listing, order)) {
+            out += entry->app.id;
+        }
+        return out;
+    };
+    EXPECT_EQ(ids(AppOrder::name), "abcd");
+    EXPECT_EQ(ids(AppOrder::size), "cadb"); // ties keep the listing's order
+    EXPECT_EQ(ids(AppOrder::used), "dacb");
+}
+
 TEST(FinderUninstall, ScriptKeepsQuotesAndBackslashesInsideTheName) {
     const std::string path = "/Applications/My \"Best\" \\App.app";
     std::string script = finderDeleteScript(path);
