@@ -94,6 +94,7 @@ MainWindow::MainWindow(QWidget* parent)
     settings_ = new SettingsPage(catalog_);
     spaceMap_ = new SpaceMapPage;
     spaceMap_->setKnownCaches(KnownCaches(catalog_.catalog));
+    apps_ = new AppsPage(*journal_);
     largeOld_ = new LargeOldPage(*journal_);
     duplicates_ = new DuplicatesPage(*journal_);
     snapshots_ = new SnapshotsPage;
@@ -103,6 +104,7 @@ MainWindow::MainWindow(QWidget* parent)
               cleanup_->measureButton());
     addScreen(Screen::spaceMap, QStringLiteral("Space Map"), spaceMap_, screenNumber::spaceMap,
               spaceMap_->scanButton());
+    addScreen(Screen::apps, QStringLiteral("Apps"), apps_, screenNumber::apps, apps_->listButton());
     addHeading(QStringLiteral("Worth a look"), screenNumber::worthALook);
     addScreen(Screen::largeOld, QStringLiteral("Large & old"), largeOld_, screenNumber::worthALook,
               largeOld_->searchButton(), true);
@@ -141,6 +143,7 @@ MainWindow::MainWindow(QWidget* parent)
     };
     connect(sweep_, &SweepPage::movedToTrash, this, patchMap);
     connect(cleanup_, &CleanupPage::movedToTrash, this, patchMap);
+    connect(apps_, &AppsPage::movedToTrash, this, patchMap);
     connect(largeOld_, &ReviewPage::movedToTrash, this, patchMap);
     connect(duplicates_, &ReviewPage::movedToTrash, this, patchMap);
     connect(settings_, &SettingsPage::showIntroduction, this, &MainWindow::showIntroduction);

@@ -14,9 +14,8 @@
 
 namespace sd::app {
 
-// Ctrl and a number open the places of the sidebar, counted in its order. A screen that is not
-// built yet keeps its number free; the screens under one heading share the heading's number, and
-// pressing it again moves on to the next of them.
+// Ctrl and a number open the places of the sidebar, counted in its order. The screens under one
+// heading share the heading's number, and pressing it again moves on to the next of them.
 namespace screenNumber {
 inline constexpr int sweep = 1;
 inline constexpr int cleanup = 2;
@@ -38,6 +37,7 @@ public:
         sweep,
         cleanup,
         spaceMap,
+        apps,
         largeOld,
         duplicates,
         snapshots,
@@ -64,6 +64,7 @@ public:
     ActivityPage* activityPage() const noexcept { return activity_; }
     SettingsPage* settingsPage() const noexcept { return settings_; }
     SpaceMapPage* spaceMapPage() const noexcept { return spaceMap_; }
+    AppsPage* appsPage() const noexcept { return apps_; }
     LargeOldPage* largeOldPage() const noexcept { return largeOld_; }
     DuplicatesPage* duplicatesPage() const noexcept { return duplicates_; }
     SnapshotsPage* snapshotsPage() const noexcept { return snapshots_; }
@@ -107,6 +108,7 @@ private:
     ActivityPage* activity_;
     SettingsPage* settings_;
     SpaceMapPage* spaceMap_;
+    AppsPage* apps_;
     LargeOldPage* largeOld_;
     DuplicatesPage* duplicates_;
     SnapshotsPage* snapshots_;

@@ -6,6 +6,7 @@
 #include "app/Widgets.h"
 
 #include <QApplication>
+#include <QClipboard>
 #include <QComboBox>
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
@@ -67,6 +68,22 @@ private:
         poll->start();
     }
     void acceptNextDialog(const QString& shotName = {}) { acceptNextDialogs({shotName}); }
+
+    // Hands the next modal dialog of this kind to `act` once it is open.
+    template <typename Dialog> void whenModal(std::function<void(Dialog*)> act) {
+        auto* poll = new QTimer(this);
+        poll->setInterval(20);
+        connect(poll, &QTimer::timeout, this, [poll, act = std::move(act)] {
+            auto* dialog = qobject_cast<Dialog*>(QApplication::activeModalWidget());
+            if (dialog == nullptr) {
+                return;
+            }
+            poll->stop();
+            poll->deleteLater();
+            act(dialog);
+        });
+        poll->start();
+    }
 
     static void clickTile(TileView* view, int row) {
         QRect rect = view->visualRect(view->model()->index(row, 0));
@@ -231,9 +248,13 @@ private slots:
         QCOMPARE(sunburst->rootIndex(), biggest);
         press(Qt::Key_Backspace);
 
-        // Apps has no screen yet: its number changes nothing.
+        // Apps: opening the screen reads the list; Ctrl+R reads it again.
         press(Qt::Key_4, Qt::ControlModifier);
-        QCOMPARE(window_->currentScreen(), Screen::spaceMap);
+        QCOMPARE(window_->currentScreen(), Screen::apps);
+        QTRY_VERIFY_WITH_TIMEOUT(!window_->appsPage()->runner().isRunning(), 60000);
+        press(Qt::Key_R, Qt::ControlModifier);
+        QVERIFY(window_->appsPage()->runner().isRunning());
+        QTRY_VERIFY_WITH_TIMEOUT(!window_->appsPage()->runner().isRunning(), 60000);
 
         // Worth a look: Ctrl+5 opens Large & old, and again Duplicates, then Snapshots; Return
         // searches each review.
@@ -820,6 +841,104 @@ private slots:
         QCOMPARE(model.rowCount(), 3);
     }
 
+    // An AppImage the person installed goes to the Trash with the data it keeps, chosen place
+    // by place; Put Back returns everything byte for byte. A packaged app is never moved: the
+    // sheet gives its package manager's command instead.
+    void appsUninstallAnAppImageWithItsData() {
+        const std::string& h = test::fixtureHome();
+        test::runShell("cd " + test::shellQuote(h) +
+                       " && mkdir -p Applications .config/Tool .cache/Tool .config/Toolbox"
+                       " && printf '\\177ELF' > Applications/Tool-1.0-x86_64.AppImage"
+                       " && head -c 250000 /dev/urandom >> Applications/Tool-1.0-x86_64.AppImage"
+                       " && chmod 755 Applications/Tool-1.0-x86_64.AppImage"
+                       " && head -c 6000 /dev/urandom > .config/Tool/settings.json"
+                       " && head -c 90000 /dev/urandom > .cache/Tool/blob"
+                       " && echo keep > .config/Toolbox/keep");
+        const std::vector<std::string> places{h + "/Applications", h + "/.config/Tool",
+                                              h + "/.cache/Tool", h + "/.config/Toolbox"};
+        const std::string sums = test::checksums(places);
+        window_->showScreen(MainWindow::Screen::apps);
+        AppsPage* page = window_->appsPage();
+        QTRY_VERIFY_WITH_TIMEOUT(!page->runner().isRunning(), 60000);
+        QTest::mouseClick(page->listButton(), Qt::LeftButton);
+        QTRY_VERIFY_WITH_TIMEOUT(!page->runner().isRunning(), 60000);
+        QVERIFY(page->selectApp("Tool"));
+        QCOMPARE(page->detailTitle()->text(), QStringLiteral("Tool"));
+        // Both places of Tool are listed and ticked; the folder of a longer name is not one.
+        QTreeWidget* list = page->placesView();
+        QCOMPARE(list->topLevelItemCount(), 2);
+        QCOMPARE(page->tickedPlaces().size(), 2U);
+        for (int i = 0; i < list->topLevelItemCount(); ++i) {
+            QVERIFY(!list->topLevelItem(i)->text(0).contains(QStringLiteral("Toolbox")));
+        }
+        shoot("apps-detail");
+
+        // Unticking the cache first leaves it out of the sheet and out of the move.
+        QTreeWidgetItem* cache = nullptr;
+        for (int i = 0; i < list->topLevelItemCount(); ++i) {
+            if (list->topLevelItem(i)->text(0) == QStringLiteral("~/.cache/Tool")) {
+                cache = list->topLevelItem(i);
+            }
+        }
+        QVERIFY(cache != nullptr);
+        cache->setCheckState(0, Qt::Unchecked);
+        QString sheetText;
+        whenModal<UninstallSheet>([&](UninstallSheet* sheet) {
+            sheetText = sheet->text();
+            sheet->grab().save(shots_ + "/apps-uninstall-sheet.png");
+            sheet->moveButton()->click();
+        });
+        QTest::mouseClick(page->uninstallButton(), Qt::LeftButton);
+        QVERIFY2(sheetText.startsWith(QStringLiteral("Move Tool and 1 data place to the Trash?")),
+                 qPrintable(sheetText));
+        QVERIFY2(sheetText.contains(QStringLiteral("~/Applications/Tool-1.0-x86_64.AppImage")),
+                 qPrintable(sheetText));
+        QVERIFY2(!sheetText.contains(QStringLiteral(".cache")), qPrintable(sheetText));
+        QTRY_VERIFY_WITH_TIMEOUT(!page->runner().isRunning(), 60000);
+        QVERIFY2(page->banner()->text().startsWith(QStringLiteral("Moved 2 items")),
+                 qPrintable(page->banner()->text() + page->banner()->detail()));
+        QVERIFY(!test::exists(h + "/Applications/Tool-1.0-x86_64.AppImage"));
+        QVERIFY(!test::exists(h + "/.config/Tool"));
+        QVERIFY(test::exists(h + "/.cache/Tool/blob"));
+        QVERIFY(test::exists(h + "/.config/Toolbox/keep"));
+        // The list is read again: Tool is gone from it.
+        QTRY_VERIFY_WITH_TIMEOUT(!page->runner().isRunning(), 60000);
+        QCOMPARE(page->model().rowOf("Tool"), -1);
+
+        acceptNextDialog();
+        QTest::mouseClick(page->putBackButton(), Qt::LeftButton);
+        // Once everything is back, the list is read again and holds Tool once more.
+        QTRY_VERIFY_WITH_TIMEOUT(page->model().rowOf("Tool") >= 0, 60000);
+        QCOMPARE(test::checksums(places), sums);
+        QVERIFY(page->selectApp("Tool"));
+
+        // A Debian package's app: nothing of it can move from here, and the sheet names the
+        // command, ready to copy.
+        for (int row = 0; row < page->model().rowCount(); ++row) {
+            const AppListEntry* entry = page->model().entryAt(row);
+            if (entry->app.source != platform::AppSource::deb || !entry->app.package) {
+                continue;
+            }
+            QVERIFY(page->selectApp(entry->app.id));
+            for (int i = 0; i < list->topLevelItemCount(); ++i) {
+                list->topLevelItem(i)->setCheckState(0, Qt::Unchecked);
+            }
+            QString command;
+            bool canMove = true;
+            whenModal<UninstallSheet>([&](UninstallSheet* sheet) {
+                sheet->copyButton()->click();
+                command = QGuiApplication::clipboard()->text();
+                canMove = sheet->moveButton()->isEnabled();
+                sheet->reject();
+            });
+            QTest::mouseClick(page->uninstallButton(), Qt::LeftButton);
+            QCOMPARE(command, QStringLiteral("sudo apt remove ") + toQ(*entry->app.package));
+            QVERIFY(!canMove);
+            QVERIFY(test::exists(entry->app.entry));
+            break;
+        }
+    }
+
     void everyScreenFitsTheSmallestWindowAndALargeOne() {
         struct Shown {
             MainWindow::Screen screen;
@@ -827,10 +946,10 @@ private slots:
         };
         using Screen = MainWindow::Screen;
         const Shown screens[] = {
-            {Screen::sweep, "sweep"},           {Screen::cleanup, "cleanup"},
-            {Screen::spaceMap, "space-map"},    {Screen::largeOld, "large-old"},
-            {Screen::duplicates, "duplicates"}, {Screen::activity, "activity"},
-            {Screen::settings, "settings"}};
+            {Screen::sweep, "sweep"},        {Screen::cleanup, "cleanup"},
+            {Screen::spaceMap, "space-map"}, {Screen::apps, "apps"},
+            {Screen::largeOld, "large-old"}, {Screen::duplicates, "duplicates"},
+            {Screen::activity, "activity"},  {Screen::settings, "settings"}};
         // A fresh map for the pictures: put-backs since the last scan are not on it.
         window_->showScreen(Screen::spaceMap);
         window_->rescan();
