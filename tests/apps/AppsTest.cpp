@@ -111,6 +111,13 @@ TEST(InstalledApps, ReadsEverySourceFromItsDeployLayout) {
         "[Desktop Entry]\nType=Application\nName=Hidden below\n");
     put(user + "quiet.desktop", "[Desktop Entry]\nType=Application\nName=Quiet\nNoDisplay=true\n");
     put(user + "link.desktop", "[Desktop Entry]\nType=Link\nName=Web\n");
+    // TryExec names what must be installed for the entry to count.
+    put(user + "uninstalled.desktop", "[Desktop Entry]\nType=Application\nName=Uninstalled\n"
+                                      "TryExec=sparrowdeck-no-such-program\nExec=x\n");
+    put(system + "/bin/present-tool", "#!/bin/sh\n");
+    ::chmod((system + "/bin/present-tool").c_str(), 0755);
+    put(user + "present.desktop", "[Desktop Entry]\nType=Application\nName=Present\n"
+                                  "TryExec=present-tool\nExec=present-tool\n");
     put(system + "/share/applications/kde/editor.desktop",
         "[Desktop Entry]\nType=Application\nName=Editor\nExec=editor %F\n");
     put(user + "tool-integrated.desktop",
@@ -178,6 +185,8 @@ TEST(InstalledApps, ReadsEverySourceFromItsDeployLayout) {
     EXPECT_EQ(byId(apps, "gone"), nullptr) << "a hidden entry hides the same id further down";
     EXPECT_EQ(byId(apps, "quiet"), nullptr);
     EXPECT_EQ(byId(apps, "link"), nullptr);
+    EXPECT_EQ(byId(apps, "uninstalled"), nullptr);
+    EXPECT_NE(byId(apps, "present"), nullptr);
     EXPECT_NE(byId(apps, "kde-editor"), nullptr) << "a subfolder becomes part of the id";
 
     // The measured sizes are the deploys' allocated bytes, as GNU find counts them.
@@ -203,6 +212,8 @@ TEST(InstalledApps, DesktopEntriesCarryWhatDpkgQueryReports) {
         "for f in /usr/share/applications/*.desktop; do [ -f \"$f\" ] || continue; "
         "grep -q '^Type=Application' \"$f\" || continue; "
         "grep -qE '^(NoDisplay|Hidden)=true' \"$f\" && continue; "
+        "t=$(sed -n 's/^TryExec=//p' \"$f\" | head -1); "
+        "[ -n \"$t\" ] && ! command -v \"$t\" >/dev/null && continue; "
         "p=$(dpkg-query -S \"$f\" 2>/dev/null | head -1 | sed 's/: .*//'); "
         "v=; [ -n \"$p\" ] && v=$(dpkg-query -W -f='${Version}' \"$p\"); "
         "printf '%s\\t%s\\t%s\\n' \"$(basename \"$f\" .desktop)\" \"$p\" \"$v\"; done");

@@ -56,6 +56,17 @@ std::vector<std::string> namesIn(const std::string& folder) {
     return names;
 }
 
+// A folder that is there but cannot be listed: the apps in it are installed but unseen.
+bool unreadableFolder(const std::string& folder) {
+    struct stat st {};
+    if (::stat(folder.c_str(), &st) != 0) {
+        return errno != ENOENT && errno != ENOTDIR;
+    }
+    UniqueFd fd(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    std::vector<std::string> names;
+    return !fd || !readDirectoryNames(fd.get(), names).operation.empty();
+}
+
 std::optional<struct stat> followStat(const std::string& path) {
     struct stat st {};
     if (::stat(path.c_str(), &st) != 0) {
@@ -173,6 +184,11 @@ std::string execProgram(std::string_view exec) {
     return first < words.size() ? words[first] : std::string();
 }
 
+bool isExecutableFile(const std::string& path) {
+    std::optional<struct stat> st = followStat(path);
+    return st && S_ISREG(st->st_mode) && (st->st_mode & 0111) != 0;
+}
+
 std::optional<std::string> findExecutable(const std::string& program,
                                           const std::vector<std::string>& folders) {
     if (program.empty()) {
@@ -186,12 +202,19 @@ std::optional<std::string> findExecutable(const std::string& program,
     }
     for (const std::string& folder : folders) {
         std::string candidate = folder + "/" + program;
-        if (std::optional<struct stat> st = followStat(candidate);
-            st && S_ISREG(st->st_mode) && (st->st_mode & 0111) != 0) {
+        if (isExecutableFile(candidate)) {
             return candidate;
         }
     }
     return std::nullopt;
+}
+
+// TryExec's test: an absolute path that is an executable file, or a name found on the path.
+bool isInstalledProgram(const std::string& program, const std::vector<std::string>& folders) {
+    if (program.front() == '/') {
+        return isExecutableFile(program);
+    }
+    return findExecutable(program, folders).has_value();
 }
 
 std::vector<std::string> splitList(const char* text) {
@@ -624,6 +647,18 @@ AppSearchRoots standardAppRoots() {
 AppRecords readInstalledApps(const AppSearchRoots& roots, const std::stop_token& stop) {
     AppRecords records;
     std::vector<InstalledApp>& apps = records.apps;
+    // Deploy folders hold apps by id; one that cannot be read would make its apps' data look
+    // left behind, so the listing says it is incomplete.
+    std::vector<std::string> deployFolders{roots.snapRoot};
+    for (const auto& installation : roots.flatpakInstallations) {
+        deployFolders.push_back(installation.first + "/app");
+    }
+    for (const std::string& folder : deployFolders) {
+        if (!folder.empty() && unreadableFolder(folder)) {
+            records.warnings.push_back("Could not read the apps in " + folder);
+            records.complete = false;
+        }
+    }
     readFlatpaks(roots, apps, stop);
     readSnaps(roots, apps, stop);
     readAppImages(roots, apps, stop);
@@ -642,6 +677,12 @@ AppRecords readInstalledApps(const AppSearchRoots& roots, const std::stop_token&
         const auto& keys = entry.keys;
         if (valueOr(keys, "Type") != "Application" || isTrue(keys, "NoDisplay") ||
             isTrue(keys, "Hidden")) {
+            continue;
+        }
+        // An entry whose TryExec program is not installed is one menus leave out: its program
+        // was removed and the entry stayed behind.
+        if (std::string tryExec = valueOr(keys, "TryExec");
+            !tryExec.empty() && !isInstalledProgram(tryExec, roots.executableFolders)) {
             continue;
         }
         std::string program = execProgram(valueOr(keys, "Exec"));
