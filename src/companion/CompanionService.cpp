@@ -1,60 +1,35 @@
 #include "companion/CompanionService.h"
 
-#include "base/CleanerError.h"
-#include "base/Descriptors.h"
-#include "core/CoreFileSystem.h"
+#include "apps/AppListing.h"
+#include "apps/Leftovers.h"
 #include "disk/DiskSurvey.h"
 #include "history/ScanHistory.h"
-#include "platform/Dirs.h"
 #include "platform/Home.h"
 
 #include <algorithm>
 #include <cmath>
 #include <ctime>
-#include <set>
 
 namespace sd {
 namespace {
 
 constexpr std::int64_t secondsPerDay = 86'400;
 
-// The names in a folder, or none when it cannot be opened.
-std::vector<std::string> namesIn(const std::string& folder) {
-    try {
-        std::optional<ParentHandle> parent = openParent(folder);
-        if (!parent) {
-            return {};
-        }
-        UniqueFd fd = openListing(parent->fd.get(), parent->name.c_str());
-        return fd ? listDirectory(fd.get(), folder) : std::vector<std::string>{};
-    } catch (const CleanerError&) {
-        return {};
-    }
-}
-
 } // namespace
 
-std::vector<LeftBehindData> findFlatpakLeftovers(const std::string& home,
-                                                 const std::string& dataHome,
-                                                 const std::string& systemFlatpak) {
-    std::vector<std::string> data = namesIn(home + "/.var/app");
-    if (data.empty()) {
+std::vector<LeftBehindData> removedAppLeftovers(const platform::AppSearchRoots& roots,
+                                                const std::stop_token& stop) {
+    platform::AppRecords records = platform::readInstalledApps(roots, stop);
+    // A source that could not be read might hold an installed app: its data must not look
+    // left behind.
+    if (!records.complete) {
         return {};
     }
-    std::set<std::string> installed;
-    for (const std::string& folder : {dataHome + "/flatpak/app", systemFlatpak + "/app"}) {
-        for (std::string& name : namesIn(folder)) {
-            installed.insert(std::move(name));
-        }
-    }
+    LeftoversReport report = findRemovedAppLeftovers(records.apps, rememberedAppIds(), stop);
     std::vector<LeftBehindData> leftovers;
-    for (const std::string& id : data) {
-        if (!installed.contains(id)) {
-            std::string path = home + "/.var/app/" + id;
-            PlaceMeasure m = measurePlace(path);
-            if (m.exists) {
-                leftovers.push_back({id, path, m.bytes});
-            }
+    for (const OrphanGroup& group : report.groups) {
+        for (const Leftover& place : group.places) {
+            leftovers.push_back({group.appId, place.path, place.bytes});
         }
     }
     return leftovers;
@@ -67,7 +42,13 @@ CompanionService::Sources CompanionService::systemSources() {
             std::string error;
             return platform::volumeFigures(platform::homeDirectory(), error);
         },
-        [] { return findFlatpakLeftovers(platform::homeDirectory(), platform::dataHome()); },
+        [] {
+            // Which apps are installed is all that is needed, not which package owns each: the
+            // package database is not asked every half hour.
+            platform::AppSearchRoots roots = platform::standardAppRoots();
+            roots.dpkgQuery.clear();
+            return removedAppLeftovers(roots);
+        },
     };
 }
 

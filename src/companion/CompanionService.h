@@ -2,21 +2,23 @@
 
 #include "companion/Forecast.h"
 #include "companion/NoticePolicy.h"
+#include "platform/InstalledApps.h"
 #include "platform/Volumes.h"
 
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <stop_token>
 #include <string>
 #include <vector>
 
 namespace sd {
 
-// Flatpak data folders (~/.var/app/ID) whose app is no longer installed, for the user or for the
-// system, measured.
-std::vector<LeftBehindData>
-findFlatpakLeftovers(const std::string& home, const std::string& dataHome,
-                     const std::string& systemFlatpak = "/var/lib/flatpak");
+// Data that apps no longer installed left behind, one record per place, measured: Flatpak and
+// snap folders without their app, and the places of apps an earlier listing remembered, all
+// matched by app id, never by a name. Nothing when the installed apps could not all be read.
+std::vector<LeftBehindData> removedAppLeftovers(const platform::AppSearchRoots& roots,
+                                                const std::stop_token& stop = {});
 
 // What the companion shows in its menu.
 struct CompanionStatus {

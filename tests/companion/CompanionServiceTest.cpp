@@ -4,29 +4,55 @@
 #include "history/ScanHistory.h"
 
 #include <gtest/gtest.h>
+#include <map>
 
 namespace sd {
 namespace {
 
 constexpr std::uint64_t GB = 1'000'000'000;
 
-TEST(CompanionService, FindsFlatpakDataWhoseAppIsGone) {
-    std::string home = test::freshFolder("leftovers-home");
-    std::string system = test::freshFolder("leftovers-system");
-    std::string data = home + "/.local/share";
+// The companion asks the apps subsystem, so it tells of the same leftovers the Sweep's tile
+// shows: by app id, from the apps the fixture's own folders hold.
+TEST(CompanionService, TellsOfDataOfRemovedAppsByIdOnly) {
+    const std::string& home = test::fixtureHome();
+    const std::string system = test::freshFolder("leftovers-system");
     for (const char* id : {"org.example.Gone", "org.example.User", "org.example.System"}) {
         test::makeDirs(home + "/.var/app/" + id + "/config");
         test::writeFilledFile(home + "/.var/app/" + id + "/config/state", 200'000);
     }
-    test::makeDirs(data + "/flatpak/app/org.example.User/current");
-    test::makeDirs(system + "/app/org.example.System/current");
-    std::vector<LeftBehindData> found = findFlatpakLeftovers(home, data, system);
-    ASSERT_EQ(found.size(), 1U);
-    EXPECT_EQ(found[0].appId, "org.example.Gone");
-    EXPECT_EQ(found[0].path, home + "/.var/app/org.example.Gone");
-    EXPECT_EQ(std::to_string(found[0].bytes) + "\n",
-              test::runShell("du -s -B1 " + test::shellQuote(found[0].path) + " | cut -f1").output);
-    EXPECT_TRUE(findFlatpakLeftovers(test::freshFolder("no-flatpak"), data, system).empty());
+    test::makeDirs(home + "/snap/oldsnap/common");
+    test::writeFilledFile(home + "/snap/oldsnap/common/z", 8'000);
+    test::makeDirs(home + "/.config/Gone"); // a loose name is never anyone's leftover
+    test::writeFilledFile(home + "/.config/Gone/settings", 4'000);
+    const std::string user = home + "/.local/share/flatpak";
+    for (const auto& [installation, id] :
+         {std::pair{user, "org.example.User"}, std::pair{system, "org.example.System"}}) {
+        std::string active = installation + "/app/" + id + "/current/active";
+        test::makeDirs(active);
+        test::writeFile(active + "/metadata", std::string("[Application]\nname=") + id + "\n");
+    }
+    platform::AppSearchRoots roots;
+    roots.home = home;
+    roots.flatpakInstallations = {{user, true}, {system, false}};
+    roots.snapRoot = test::freshFolder("no-snaps");
+
+    std::map<std::string, LeftBehindData> found;
+    for (const LeftBehindData& place : removedAppLeftovers(roots)) {
+        found[place.path] = place;
+    }
+    ASSERT_EQ(found.size(), 2U);
+    const LeftBehindData& gone = found.at(home + "/.var/app/org.example.Gone");
+    EXPECT_EQ(gone.appId, "org.example.Gone");
+    EXPECT_EQ(std::to_string(gone.bytes) + "\n",
+              test::runShell("du -s -B1 " + test::shellQuote(gone.path) + " | cut -f1").output);
+    EXPECT_EQ(found.at(home + "/snap/oldsnap").appId, "oldsnap");
+
+    // A Flatpak installation whose apps cannot be read might hold the app: nothing is told. (A
+    // file where the folder should be fails to list for root too.)
+    const std::string broken = test::freshFolder("leftovers-broken");
+    test::writeFile(broken + "/app", "not a folder");
+    roots.flatpakInstallations.emplace_back(broken, false);
+    EXPECT_TRUE(removedAppLeftovers(roots).empty());
 }
 
 TEST(CompanionService, SamplesEveryHalfHourAndRemembersWhatItSaid) {
