@@ -246,6 +246,10 @@ void ChangesPanel::recordScan(const SpaceTree& tree) {
         },
         [this](Outcome& outcome) {
             list_->clear();
+            changes_.reset();
+            if (outcome.baseline) {
+                changes_ = outcome.changes;
+            }
             QString line;
             if (!outcome.baseline) {
                 line = QStringLiteral("This is the first scan kept of this folder; the next one "
@@ -255,9 +259,10 @@ void ChangesPanel::recordScan(const SpaceTree& tree) {
                            .arg(signedBytes(outcome.totalDelta),
                                 QDateTime::fromSecsSinceEpoch(outcome.baseline->takenAt)
                                     .toString(QStringLiteral("d MMMM, hh:mm")));
-                if (outcome.changes.empty()) {
-                    line += QStringLiteral(" No folder grew or shrank by 1 MB or more.");
-                }
+                line += outcome.changes.empty()
+                            ? QStringLiteral(" No folder grew or shrank by 1 MB or more.")
+                            : QStringLiteral(" On the map, warm wedges grew and cool ones shrank; "
+                                             "grey ones stayed about the same.");
             }
             if (outcome.notice) {
                 line = text(*outcome.notice) + QLatin1Char(' ') + line;

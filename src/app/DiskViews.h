@@ -68,6 +68,8 @@ public:
     void recordScan(const SpaceTree& tree);
     QTreeWidget* list() const noexcept { return list_; }
     QString headline() const { return headline_->text(); }
+    // The changes since the scan compared with; none before there is one to compare with.
+    const std::optional<std::vector<FolderChange>>& changes() const noexcept { return changes_; }
     TaskRunner& runner() noexcept { return *runner_; }
 
 signals:
@@ -84,6 +86,7 @@ private:
     TaskRunner* runner_;
     QLabel* headline_;
     QTreeWidget* list_;
+    std::optional<std::vector<FolderChange>> changes_;
 };
 
 // The Settings switch that starts the companion at login (an autostart entry), off by default.

@@ -107,10 +107,17 @@ SpaceMapPage::SpaceMapPage(QWidget* parent) : QWidget(parent), root_(homeDirecto
     changes_ = new ChangesPanel;
     changes_->hide();
     side->addWidget(changes_, 1);
-    connect(showChanges_, &QPushButton::toggled, this, [this](bool on) {
+    // While the changes are shown, the map is coloured by them too.
+    auto colourByGrowth = [this] {
+        model_->setGrowth(showChanges_->isChecked() ? changes_->changes() : std::nullopt);
+        list_->viewport()->update();
+    };
+    connect(showChanges_, &QPushButton::toggled, this, [this, colourByGrowth](bool on) {
         changes_->setVisible(on);
         list_->setVisible(!on);
+        colourByGrowth();
     });
+    connect(changes_, &ChangesPanel::changesShown, this, colourByGrowth);
     reveal_ = new QPushButton(revealText());
     side->addWidget(reveal_);
     bigTitle_ = sectionLabel(QStringLiteral("Big items found while scanning"));

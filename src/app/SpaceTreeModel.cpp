@@ -6,6 +6,7 @@
 
 #include <QFont>
 #include <QStringList>
+#include <algorithm>
 #include <array>
 #include <cmath>
 
@@ -40,6 +41,20 @@ QColor fileColour(const QColor& folderish) {
 }
 
 } // namespace
+
+QColor growthColour(std::optional<std::int64_t> delta, std::uint64_t largest, bool isFile) {
+    if (!delta || *delta == 0 || largest == 0) {
+        return isFile ? QColor(0xe6, 0xe8, 0xec) : QColor(0xd3, 0xd7, 0xde);
+    }
+    // The square root keeps a middling change visible next to one huge one.
+    const double magnitude = static_cast<double>(*delta < 0 ? -*delta : *delta);
+    const double strength =
+        std::clamp(std::sqrt(magnitude / static_cast<double>(largest)), 0.0, 1.0);
+    const float hue = *delta > 0 ? 0.04f : 0.47f; // ember for growth, teal for shrinking
+    const auto saturation = static_cast<float>(0.22 + 0.68 * strength);
+    const auto value = static_cast<float>(0.98 - 0.22 * strength);
+    return QColor::fromHsvF(hue, isFile ? saturation * 0.6f : saturation, value);
+}
 
 SpaceTreeModel::SpaceTreeModel(const SpaceMapState& state, QObject* parent)
     : QAbstractItemModel(parent), state_(state) {
@@ -96,6 +111,47 @@ void SpaceTreeModel::rebuildColours() {
     }
 }
 
+void SpaceTreeModel::setGrowth(std::optional<std::vector<FolderChange>> changes) {
+    growth_ = std::move(changes);
+    rebuildGrowthColours();
+    emit coloursChanged();
+}
+
+void SpaceTreeModel::rebuildGrowthColours() {
+    growthColours_.clear();
+    if (!growth_ || !state_.tree()) {
+        return;
+    }
+    std::unordered_map<std::string, const FolderChange*> byPath;
+    std::uint64_t largest = 0;
+    for (const FolderChange& change : *growth_) {
+        byPath[change.path] = &change;
+        const std::int64_t delta = change.delta();
+        largest = std::max(largest, static_cast<std::uint64_t>(delta < 0 ? -delta : delta));
+    }
+    // A new folder's whole branch is new: below it, every row takes its colour.
+    struct Pending {
+        const SpaceNode* node;
+        std::optional<std::int64_t> inherited;
+    };
+    std::vector<Pending> pending{{&state_.tree()->root, std::nullopt}};
+    while (!pending.empty()) {
+        auto [node, inherited] = pending.back();
+        pending.pop_back();
+        std::optional<std::int64_t> delta = inherited;
+        if (auto found = byPath.find(node->path); found != byPath.end()) {
+            delta = found->second->delta();
+            if (found->second->kind == ChangeKind::appeared) {
+                inherited = delta;
+            }
+        }
+        growthColours_[node] = growthColour(delta, largest, node->kind == SpaceNode::Kind::file);
+        for (const SpaceNode& child : node->children) {
+            pending.push_back({&child, inherited});
+        }
+    }
+}
+
 void SpaceTreeModel::rebuildParents() {
     // Nodes know their children only; the way up is kept here, pointing into the state's tree.
     parents_.clear();
@@ -113,6 +169,7 @@ void SpaceTreeModel::rebuildParents() {
         }
     }
     rebuildColours();
+    rebuildGrowthColours();
 }
 
 bool SpaceTreeModel::isOther(const QModelIndex& index) const {
@@ -235,8 +292,9 @@ QVariant SpaceTreeModel::data(const QModelIndex& index, int role) const {
         if (other) {
             return otherColour();
         }
-        auto found = colours_.find(node);
-        return found == colours_.end() ? QVariant() : QVariant(found->second);
+        const auto& colours = growth_ ? growthColours_ : colours_;
+        auto found = colours.find(node);
+        return found == colours.end() ? QVariant() : QVariant(found->second);
     }
     case knownCacheRole: {
         auto known = knownOf_.find(node);

@@ -1,14 +1,22 @@
 #pragma once
 
 #include "app/KnownCaches.h"
+#include "history/ScanHistory.h"
 #include "space/SpaceTree.h"
 
 #include <QAbstractItemModel>
 #include <QColor>
+#include <optional>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 namespace sd::app {
+
+// The colour of a folder when the map shows growth: warm for one that grew (or is new), cool
+// for one that shrank, deeper the bigger the change is next to `largest`, the biggest change on
+// the map; a neutral grey when it did not change enough to be listed.
+QColor growthColour(std::optional<std::int64_t> delta, std::uint64_t largest, bool isFile);
 
 // The space tree as an item model: the root folder as the one top row, each node's kept children
 // below it biggest first, and its "other" share as one last row. Rows point straight at the
@@ -40,12 +48,20 @@ public:
     QModelIndex indexOfPath(const std::string& path) const;
     // Marks the rows that are locations the Sweep measures.
     void setKnownCaches(KnownCaches caches);
+    // Colours rows by how they changed since the scan `changes` were found against, or, with
+    // none, by their place in the tree again. Only colours change: rows and zoom stay.
+    void setGrowth(std::optional<std::vector<FolderChange>> changes);
+    bool showsGrowth() const noexcept { return growth_.has_value(); }
 
     static QColor otherColour();
+
+signals:
+    void coloursChanged();
 
 private:
     void rebuildParents();
     void rebuildColours();
+    void rebuildGrowthColours();
     const SpaceNode* nodeOf(const QModelIndex& index) const;
     bool isOther(const QModelIndex& index) const;
     QModelIndex indexOfNode(const SpaceNode* node, int column = 0) const;
@@ -56,6 +72,8 @@ private:
     const SpaceMapState& state_;
     std::unordered_map<const SpaceNode*, const SpaceNode*> parents_;
     std::unordered_map<const SpaceNode*, QColor> colours_;
+    std::optional<std::vector<FolderChange>> growth_;
+    std::unordered_map<const SpaceNode*, QColor> growthColours_;
     KnownCaches knownCaches_;
     std::unordered_map<const SpaceNode*, std::string> knownOf_;
 };

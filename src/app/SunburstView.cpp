@@ -97,6 +97,10 @@ void SunburstView::setModel(SpaceTreeModel* model) {
     model_ = model;
     connect(model_, &QAbstractItemModel::modelReset, this,
             [this] { setRootIndex(model_->index(0, 0)); });
+    connect(model_, &SpaceTreeModel::coloursChanged, this, [this] {
+        layoutWedges();
+        update();
+    });
     setRootIndex(model_->index(0, 0));
 }
 

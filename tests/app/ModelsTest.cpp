@@ -675,6 +675,35 @@ private slots:
         QVERIFY(view.zoomIn());
         QCOMPARE(view.colourOf(model.indexOfPath("/h/Projects/app")), atTop);
         QCOMPARE(view.colourOf(model.indexOfPath("/h/Projects/app")), colour("/h/Projects/app"));
+
+        // Growth: what grew is warm, what shrank cool, a new folder's whole branch is new, the
+        // rest grey; the map follows without losing its zoom, and turning it off restores the
+        // colours of the tree.
+        model.setGrowth(std::vector<FolderChange>{
+            {"/h/Projects", ChangeKind::grew, 10, 50},
+            {"/h/Projects/app", ChangeKind::appeared, 0, 30},
+            {"/h/Videos", ChangeKind::shrank, 45, 30},
+        });
+        auto warm = [](QColor c) {
+            return c.red() > c.blue() + 40 && c.red() > c.green();
+        };
+        auto cool = [](QColor c) {
+            return c.green() > c.red() + 40 && c.blue() > c.red() + 40;
+        };
+        QVERIFY(warm(colour("/h/Projects")));
+        QVERIFY(warm(colour("/h/Projects/app")));
+        QVERIFY(cool(colour("/h/Videos")));
+        QVERIFY(colour("/h/Projects/site").hsvSaturationF() < 0.1);
+        QCOMPARE(colour("/h/big.iso"), growthColour(std::nullopt, 40, true));
+        // The biggest change is the deepest colour.
+        QVERIFY(colour("/h/Projects").hsvSaturationF() > colour("/h/Videos").hsvSaturationF());
+        QCOMPARE(view.rootIndex(), projects);
+        QCOMPARE(view.colourOf(model.indexOfPath("/h/Projects/app")), colour("/h/Projects/app"));
+        model.setGrowth(std::nullopt);
+        QCOMPARE(view.colourOf(model.indexOfPath("/h/Projects/app")), atTop);
+        for (const auto& [path, c] : before) {
+            QCOMPARE(colour(path.c_str()), c);
+        }
     }
 
     void wedgeLabelsFitAlongTheRingTheRadiusOrNotAtAll() {
