@@ -268,6 +268,37 @@ DiskVolume assembleVolume(const platform::VolumeFigures& figures, bool holdsHome
     return volume;
 }
 
+std::optional<DiskRow> snapshotRow(const platform::LocalSnapshotListing& listing,
+                                   std::string_view toolName) {
+    if (listing.failure || listing.snapshots.empty()) {
+        return std::nullopt;
+    }
+    DiskRow row;
+    row.id = "snapshots";
+    row.title = "Snapshots";
+    size_t unsized = 0;
+    for (const platform::LocalSnapshot& snapshot : listing.snapshots) {
+        if (snapshot.bytes) {
+            row.bytes = saturatingAdd(row.bytes, *snapshot.bytes);
+        } else {
+            ++unsized;
+        }
+    }
+    row.fileCount = 0;
+    row.sentence = plural(listing.snapshots.size(), "local snapshot", "local snapshots") +
+                   " kept by " + std::string(toolName) +
+                   ": the space counted is what only they hold, old versions of files that "
+                   "have changed or gone since. Snapshots can't go to the Trash; review them under "
+                   "Snapshots (sparrowdeck snapshots).";
+    if (unsized > 0) {
+        row.isComplete = false;
+        row.sentence += " " + std::string(toolName) + " did not report the size of " +
+                        plural(unsized, "snapshot", "snapshots") +
+                        ", so their space is in the unexplained rest.";
+    }
+    return row;
+}
+
 DiskReport DiskSurvey::survey(const std::stop_token& stop, OperationProgress* progress) {
     DiskReport report;
     report.readsEverything = ::geteuid() == 0;
@@ -405,6 +436,13 @@ DiskReport DiskSurvey::survey(const std::stop_token& stop, OperationProgress* pr
     }
     homeRow.bytes = carvedFromHome >= homeRow.bytes ? 0 : homeRow.bytes - carvedFromHome;
     rowsOn[homeFigures->device].insert(rowsOn[homeFigures->device].begin(), std::move(homeRow));
+
+    // Snapshots are of the system's file system: their row goes with the root's figures.
+    std::shared_ptr<const platform::LocalSnapshotTool> tool =
+        snapshotTool ? snapshotTool : platform::systemSnapshotTool();
+    if (std::optional<DiskRow> row = snapshotRow(tool->list(stop), tool->toolName())) {
+        rowsOn[rootFigures ? rootFigures->device : homeFigures->device].push_back(std::move(*row));
+    }
     for (const std::string& warning : homeTree.warnings) {
         report.warnings.push_back(warning);
     }

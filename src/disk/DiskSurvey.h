@@ -1,11 +1,13 @@
 #pragma once
 
 #include "base/Progress.h"
+#include "platform/LocalSnapshotTool.h"
 #include "platform/Volumes.h"
 #include "space/SpaceTreeScanner.h"
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <stop_token>
 #include <string>
@@ -80,6 +82,11 @@ std::optional<std::uint64_t> debianInstalledBytes(const std::stop_token& stop = 
 // The same from dpkg-query's output of one `${Installed-Size}` a line.
 std::uint64_t sumInstalledSizes(std::string_view listing);
 
+// The row for the local snapshots a snapshot tool lists: the space only they hold, where the
+// tool reports it. None when there are no snapshots or the tool could not list them.
+std::optional<DiskRow> snapshotRow(const platform::LocalSnapshotListing& listing,
+                                   std::string_view toolName);
+
 class DiskSurvey {
 public:
     // Seconds the home scan may take; the space scan's own budget when not given.
@@ -89,6 +96,8 @@ public:
     // Called with the home scan as soon as it is done, before anything else is measured (the
     // scan history keeps it), so what it writes is in the figures read at the end.
     std::function<void(const SpaceScanResult&)> homeScanned;
+    // The system's snapshot tool unless a test brings its own.
+    std::shared_ptr<const platform::LocalSnapshotTool> snapshotTool;
 
     // Measures the file system holding the home (and the root one when it is another). Reads
     // only. Throws CleanerError "Operation cancelled" once `stop` is requested.

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 #include <numeric>
+#include <optional>
 
 namespace sd {
 namespace {
@@ -103,6 +104,48 @@ TEST(DiskSurvey, RowsAndTheRestAlwaysAddUpToUsed) {
         EXPECT_EQ(after, c.rowsAfter);
         EXPECT_NE(volume.unexplainedSentence.find(c.sentenceHas), std::string::npos)
             << volume.unexplainedSentence;
+    }
+}
+
+TEST(DiskSurvey, SnapshotsAreARowOnlyWhenTheToolListsSome) {
+    using platform::LocalSnapshot;
+    using platform::LocalSnapshotListing;
+    struct Case {
+        const char* what;
+        LocalSnapshotListing listing;
+        std::optional<std::uint64_t> bytes; // none: no row
+        bool complete;
+        const char* says;
+    };
+    const std::vector<Case> cases{
+        {"no snapshots", {{}, std::nullopt, "No configuration"}, std::nullopt, true, ""},
+        {"the tool failed",
+         {{{"1", "root:1", {}, 10}}, "snapper failed", {}},
+         std::nullopt,
+         true,
+         ""},
+        {"sizes known",
+         {{{"1", "root:1", {}, 4000}, {"2", "root:2", {}, 6000}}, {}, {}},
+         10000,
+         true,
+         "2 local snapshots kept by snapper"},
+        {"one size unknown",
+         {{{"1", "root:1", {}, 4000}, {"2", "root:2", {}, std::nullopt}}, {}, {}},
+         4000,
+         false,
+         "did not report the size of 1 snapshot"},
+    };
+    for (const Case& c : cases) {
+        std::optional<DiskRow> got = snapshotRow(c.listing, "snapper");
+        ASSERT_EQ(got.has_value(), c.bytes.has_value()) << c.what;
+        if (!got) {
+            continue;
+        }
+        EXPECT_EQ(got->id, "snapshots") << c.what;
+        EXPECT_EQ(got->bytes, *c.bytes) << c.what;
+        EXPECT_EQ(got->isComplete, c.complete) << c.what;
+        EXPECT_NE(got->sentence.find(c.says), std::string::npos) << got->sentence;
+        EXPECT_TRUE(got->reclaimCommands.empty()) << "deleting snapshots is never a command to run";
     }
 }
 
