@@ -141,7 +141,7 @@ QVariant AppsModel::data(const QModelIndex& index, int role) const {
     const platform::InstalledApp& app = entry->app;
     const int column = index.column();
     if (role == Qt::TextAlignmentRole) {
-        return columnAlignment(column == appColumn || column == dataColumn);
+        return columnAlignment(column == appColumn || column == dataColumn || column == usedColumn);
     }
     if (role == Qt::DecorationRole && column == nameColumn) {
         return appIcon(app.icon);
@@ -186,7 +186,8 @@ QVariant AppsModel::headerData(int section, Qt::Orientation orientation, int rol
         return {};
     }
     if (role == Qt::TextAlignmentRole) {
-        return columnAlignment(section == appColumn || section == dataColumn);
+        return columnAlignment(section == appColumn || section == dataColumn ||
+                               section == usedColumn);
     }
     if (role != Qt::DisplayRole) {
         return {};
@@ -214,6 +215,7 @@ UninstallSheet::UninstallSheet(const UninstallPreview& preview, const QString& a
     : QDialog(parent) {
     setWindowTitle(QStringLiteral("Uninstall %1").arg(appName));
     setModal(true);
+    setMinimumWidth(460);
     auto* layout = new QVBoxLayout(this);
     question_ = paragraph(preview.question.empty() ? QStringLiteral("Nothing would move.")
                                                    : toQ(preview.question));
