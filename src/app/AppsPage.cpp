@@ -14,13 +14,12 @@
 #include <QIcon>
 #include <QVBoxLayout>
 #include <ctime>
-#include <numeric>
 
 namespace sd::app {
 namespace {
 
 QIcon appIcon(const std::string& icon) {
-    const QIcon fallback = QIcon::fromTheme(QStringLiteral("application-x-executable"));
+    QIcon fallback = QIcon::fromTheme(QStringLiteral("application-x-executable"));
     if (icon.empty()) {
         return fallback;
     }
@@ -580,11 +579,11 @@ void AppsPage::onListed(const AppListing& listing) {
         summary += QStringLiteral(" · some places could not be read");
     }
     summary_->setText(summary);
-    summary_->setToolTip(
-        toQ(std::accumulate(listing.warnings.begin(), listing.warnings.end(), std::string(),
-                            [](std::string all, const std::string& warning) {
-                                return all.empty() ? warning : all + "\n" + warning;
-                            })));
+    QStringList warnings;
+    for (const std::string& warning : listing.warnings) {
+        warnings << toQ(warning);
+    }
+    summary_->setToolTip(warnings.join(QLatin1Char('\n')));
     if (!selectApp(id) && model_->rowCount() > 0) {
         apps_->setCurrentIndex(model_->index(0, 0));
     }

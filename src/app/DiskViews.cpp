@@ -102,7 +102,7 @@ void StorageBar::refresh(std::optional<std::uint64_t> homeBytes) {
 
 void StorageBar::explain() {
     runner_->start<DiskReport>(
-        [](std::stop_token stop) {
+        [](const std::stop_token& stop) {
             DiskSurvey survey;
             return survey.survey(stop);
         },
@@ -228,7 +228,7 @@ ChangesPanel::ChangesPanel(QWidget* parent) : QWidget(parent) {
 void ChangesPanel::recordScan(const SpaceTree& tree) {
     ScanSnapshot snapshot = snapshotOf(tree, static_cast<std::int64_t>(std::time(nullptr)));
     runner_->start<Outcome>(
-        [snapshot](std::stop_token) {
+        [snapshot](const std::stop_token&) {
             Outcome outcome;
             ScanHistory history(ScanHistory::defaultFile());
             outcome.notice = history.recoveryNotice();

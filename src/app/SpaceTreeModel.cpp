@@ -28,7 +28,9 @@ const QColor rootColour(0x5b, 0x64, 0x70);
 // A child's colour from its parent's: siblings turn the hue a few degrees apart, alternating
 // sides, and every level is a little lighter, so neighbours stay tellable without a rainbow.
 QColor childColour(const QColor& parent, int row) {
-    double turn = (row % 2 == 0 ? 1 : -1) * 9.0 * ((row + 1) / 2);
+    // Pairs of siblings share a step: 0, +9, -9, +18, -18, …
+    const int step = (row + 1) / 2;
+    double turn = (row % 2 == 0 ? 1 : -1) * 9.0 * step;
     double hue = std::fmod(parent.hsvHueF() * 360 + turn + 360.0, 360.0) / 360.0;
     return QColor::fromHsvF(static_cast<float>(hue), parent.hsvSaturationF(), parent.valueF())
         .lighter(112);
@@ -180,7 +182,9 @@ const SpaceNode* SpaceTreeModel::nodeOf(const QModelIndex& index) const {
     if (!index.isValid()) {
         return nullptr;
     }
-    return reinterpret_cast<const SpaceNode*>(index.internalId() & ~otherTag);
+    // The id is the node's own address with the "other" bit cleared, as index() made it.
+    const quintptr address = index.internalId() & ~otherTag;
+    return reinterpret_cast<const SpaceNode*>(address); // NOLINT(performance-no-int-to-ptr)
 }
 
 int SpaceTreeModel::rowsOf(const SpaceNode& node) const {

@@ -389,6 +389,7 @@ std::vector<QModelIndex> SunburstView::ringOf(const QModelIndex& index) const {
     std::sort(ring.begin(), ring.end(),
               [](const Wedge* a, const Wedge* b) { return a->start < b->start; });
     std::vector<QModelIndex> out;
+    out.reserve(ring.size());
     for (const Wedge* w : ring) {
         out.push_back(w->index);
     }

@@ -193,7 +193,7 @@ UninstallOutcome uninstallApp(const platform::InstalledApp& app, const std::vect
         OSAScriptResult ran =
             runAppleScript(options.osascript, finderDeleteScript(app.location), stop);
         if (ran.exitCode != 0) {
-            out.notes.push_back(withDataStayed(finderFailureNote(name, ran.stderr_)));
+            out.notes.push_back(withDataStayed(finderFailureNote(name, ran.standardError)));
             return out;
         }
         out.appMoved = true;

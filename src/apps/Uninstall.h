@@ -19,8 +19,8 @@ namespace sd {
 
 struct OSAScriptResult {
     int exitCode = -1;
-    std::string stdout_;
-    std::string stderr_;
+    std::string standardOutput;
+    std::string standardError;
 };
 
 // The script that asks Finder to move the bundle at `path` to the Trash, the path escaped so

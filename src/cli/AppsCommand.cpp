@@ -84,7 +84,7 @@ std::optional<AppListing> listWithProgress(int& exitStatus) {
     std::optional<AppListing> listing;
     try {
         runWithProgress(
-            [&](std::stop_token stop) {
+            [&](const std::stop_token& stop) {
                 listing =
                     listApps(platform::standardAppRoots(), DataLookup::measure, stop, &progress);
             },
@@ -238,7 +238,7 @@ void runUninstall(const UninstallCliOptions& options, int& exitStatus) {
     UninstallOutcome outcome;
     try {
         runWithProgress(
-            [&](std::stop_token stop) {
+            [&](const std::stop_token& stop) {
                 outcome = uninstallApp(entry->app, chosen, vault, journal, {}, stop);
             },
             [] { return std::string("Moving to the Trash…"); });

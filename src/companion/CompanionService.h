@@ -33,7 +33,7 @@ struct CompanionStatus {
 // restart does not say it again. The sources are replaceable so tests can drive time and space.
 class CompanionService {
 public:
-    static constexpr std::int64_t sampleIntervalSeconds = 30 * 60;
+    static constexpr std::int64_t sampleIntervalSeconds = std::int64_t{30} * 60;
     static constexpr std::string_view stateKey = "companion.notices";
 
     struct Sources {

@@ -25,7 +25,7 @@ struct FreeSpaceForecast {
     std::string sentence() const;
 };
 
-inline constexpr std::int64_t forecastWindowSeconds = 14 * 86'400;
+inline constexpr std::int64_t forecastWindowSeconds = std::int64_t{14} * 86'400;
 
 // Fits the samples (oldest first) as of `now`: each day becomes its median, and the rate is the
 // median slope between days up to four apart, so one big download or deletion (a step) does

@@ -234,6 +234,7 @@ DiskVolume assembleVolume(const platform::VolumeFigures& figures, bool holdsHome
         volume.overcountBytes = measured - figures.usedBytes;
         std::uint64_t left = volume.overcountBytes;
         std::vector<DiskRow*> bySize;
+        bySize.reserve(rows.size());
         for (DiskRow& row : rows) {
             bySize.push_back(&row);
         }

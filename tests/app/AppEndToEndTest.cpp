@@ -829,7 +829,7 @@ private slots:
             offered << filter->itemText(i);
         }
         QCOMPARE(offered, (QStringList{"All kinds", "Sweep", "Cleanup", "Duplicates"}));
-        filter->setCurrentIndex(offered.indexOf("Duplicates"));
+        filter->setCurrentIndex(static_cast<int>(offered.indexOf("Duplicates")));
         emit filter->activated(filter->currentIndex());
         ActivityModel& model = activity->model();
         QCOMPARE(model.rowCount(), 1);

@@ -262,8 +262,9 @@ private slots:
             QString status;
             bool inTrash;
         };
-        for (Row r : {Row{0, "Everything put back", false},
-                      Row{1, "1 in the Trash, 1 put back", true}, Row{2, "In the Trash", true}}) {
+        for (const Row& r :
+             {Row{0, "Everything put back", false}, Row{1, "1 in the Trash, 1 put back", true},
+              Row{2, "In the Trash", true}}) {
             QCOMPARE(model.index(r.row, ActivityModel::statusColumn).data().toString(), r.status);
             QCOMPARE(model.index(r.row, 0).data(inTrashRole).toBool(), r.inTrash);
         }
@@ -717,10 +718,10 @@ private slots:
             return arc / radius * 180 / M_PI;
         };
         struct Case {
-            const char* what;
-            double inner, outer, span;
+            const char* what = nullptr;
+            double inner = 0, outer = 0, span = 0;
             std::optional<bool> alongRing; // none: no label
-            bool whole;
+            bool whole = false;
         };
         const Case cases[] = {
             {"a wide wedge", 100, 100 + 3 * h, 90, true, true},
@@ -780,8 +781,9 @@ private slots:
             QString path;
             bool other;
         };
-        for (Case c : {Case{10, "/h/a", false}, Case{170, "/h/a", false}, Case{190, "/h/b", false},
-                       Case{260, "/h/b", false}, Case{280, "/h", true}, Case{350, "/h", true}}) {
+        for (const Case& c :
+             {Case{10, "/h/a", false}, Case{170, "/h/a", false}, Case{190, "/h/b", false},
+              Case{260, "/h/b", false}, Case{280, "/h", true}, Case{350, "/h", true}}) {
             QModelIndex hit = at(c.degrees);
             QVERIFY2(hit.isValid(), qPrintable(QString::number(c.degrees)));
             QCOMPARE(hit.data(pathRole).toString(), c.path);

@@ -68,6 +68,7 @@ TEST(UninstallCommand, AppImageAndItsDataGoToTheTrashAndComeBack) {
     putFilled(home + "/.config/Toolbox/keep", 100); // a longer name: never touched
     const std::vector<std::string> paths{image, home + "/.config/Tool", home + "/.cache/Tool"};
     std::vector<std::string> before;
+    before.reserve(paths.size());
     for (const std::string& path : paths) {
         before.push_back(digest(path));
     }

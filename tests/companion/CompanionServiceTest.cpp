@@ -82,7 +82,7 @@ TEST(CompanionService, SamplesEveryHalfHourAndRemembersWhatItSaid) {
         EXPECT_EQ(service.status().freeBytes, 9 * GB);
         EXPECT_EQ(service.status().forecast.kind, FreeSpaceForecast::Kind::tooLittleData);
         for (int minutes = 5; minutes <= 65; minutes += 5) {
-            now += 5 * 60;
+            now += std::int64_t{5} * 60;
             look(service);
         }
     }

@@ -175,9 +175,9 @@ TEST(DiskSurvey, ReadsTheSystemsOwnLists) {
     };
     const std::vector<SizeCase> sizes{
         {"", 0},
-        {"10\n20\n", 30 * 1024},
-        {"10\n\n5", 15 * 1024},       // a package without a size, no newline at the end
-        {"10\nabc\n7x\n", 10 * 1024}, // anything that is not a number is left out
+        {"10\n20\n", 30 * 1024ULL},
+        {"10\n\n5", 15 * 1024ULL},       // a package without a size, no newline at the end
+        {"10\nabc\n7x\n", 10 * 1024ULL}, // anything that is not a number is left out
     };
     for (const SizeCase& c : sizes) {
         SCOPED_TRACE(c.listing);

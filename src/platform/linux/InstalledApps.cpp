@@ -140,7 +140,7 @@ bool isTrue(const std::map<std::string, std::string>& keys, const std::string& k
 }
 
 std::string valueOr(const std::map<std::string, std::string>& keys, const std::string& key,
-                    std::string fallback = {}) {
+                    const std::string& fallback = {}) {
     auto found = keys.find(key);
     return found == keys.end() ? fallback : found->second;
 }
